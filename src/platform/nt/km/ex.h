@@ -1,0 +1,4 @@
+// Executive: pool, lookaside lists, interlocked operations and lists, rundown protection,
+// system worker queues.
+#pragma once
+#include "ke.h"

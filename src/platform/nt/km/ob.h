@@ -1,0 +1,3 @@
+// Object manager: references and names.
+#pragma once
+#include "basetypes.h"
