@@ -8,6 +8,7 @@
 #include "km/ex.h"
 #include "km/rtl.h"
 #include "km/ob.h"
+#include "km/mm.h"
 #include "km/io.h"
 #include "km/zw.h"
 #include "km/dbg.h"
