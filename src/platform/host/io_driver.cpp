@@ -67,10 +67,14 @@ WCHAR g_hardwareDatabaseText[] = L"\\REGISTRY\\MACHINE\\HARDWARE\\DESCRIPTION\\S
 UNICODE_STRING g_hardwareDatabase = {sizeof(g_hardwareDatabaseText) - sizeof(WCHAR), sizeof(g_hardwareDatabaseText),
                                      g_hardwareDatabaseText};
 
-// What a driver left behind; each found item is released so that nothing calls into it.
+// What a driver left behind; each item found is released (devices deleted, registrations
+// dropped) so that nothing calls into the driver and the test can go on.
 std::vector<std::string> TakeLeftovers(PDRIVER_OBJECT driver) {
   std::vector<std::string> found;
-  for (PDEVICE_OBJECT d = driver->DeviceObject; d != nullptr; d = d->NextDevice) found.push_back(DescribeDevice(d));
+  while (driver->DeviceObject != nullptr) {
+    found.push_back(DescribeDevice(driver->DeviceObject));
+    IoDeleteDevice(driver->DeviceObject);
+  }
   for (std::string& s : TakeNotificationsOf(driver)) found.push_back(std::move(s));
   for (std::string& s : TakeReinitializationsOf(driver)) found.push_back(std::move(s));
   return found;

@@ -41,8 +41,9 @@ NTSTATUS Transfer(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   const ULONG length = sp->Parameters.Read.Length;
   if (offset < 0 || length > disk->Size || static_cast<ULONGLONG>(offset) > disk->Size - length)
     return Complete(Irp, STATUS_INVALID_PARAMETER, 0, IO_NO_INCREMENT);
+  if (length == 0) return Complete(Irp, STATUS_SUCCESS, 0, IO_NO_INCREMENT);
   PUCHAR buffer = TransferBuffer(DeviceObject, Irp);
-  if (buffer == NULL && length != 0) return Complete(Irp, STATUS_INSUFFICIENT_RESOURCES, 0, IO_NO_INCREMENT);
+  if (buffer == NULL) return Complete(Irp, STATUS_INSUFFICIENT_RESOURCES, 0, IO_NO_INCREMENT);
   if (write)
     RtlCopyMemory(disk->Data + offset, buffer, length);
   else
