@@ -83,10 +83,13 @@ enum class IrpOrigin : uint8_t {
 class LocationBits {
  public:
   void Set(CHAR location) { Word(location).fetch_or(Bit(location), std::memory_order_seq_cst); }
-  void Clear(CHAR location) { Word(location).fetch_and(~Bit(location), std::memory_order_seq_cst); }
   bool Test(CHAR location) const { return (Word(location).load(std::memory_order_seq_cst) & Bit(location)) != 0; }
   // Clears the bit; true when it was set (exactly one of several racing callers sees true).
-  bool Take(CHAR location) { return (Word(location).fetch_and(~Bit(location), std::memory_order_seq_cst) & Bit(location)) != 0; }
+  // The bits are mostly clear: a plain load spares the locked instruction then.
+  bool Take(CHAR location) {
+    return Test(location) && (Word(location).fetch_and(~Bit(location), std::memory_order_seq_cst) & Bit(location)) != 0;
+  }
+  void Clear(CHAR location) { Take(location); }
   void ClearAll() {
     words_[0].store(0);
     words_[1].store(0);
