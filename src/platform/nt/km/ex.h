@@ -217,6 +217,11 @@ EXTERN_C NTKERNELAPI PSINGLE_LIST_ENTRY ExInterlockedPopEntryList(_Inout_ PSINGL
 
 // ---------------------------------------------------------------------------------------
 // Lookaside lists: fixed-size blocks of one pool type and tag, cached for reuse.
+#ifndef DUMMYUNIONNAME2
+#define DUMMYUNIONNAME2
+#define DUMMYUNIONNAME3
+#define DUMMYUNIONNAME4
+#endif
 typedef struct DECLSPEC_ALIGN(16) _SLIST_ENTRY {
   struct _SLIST_ENTRY* Next;
 } SLIST_ENTRY, *PSLIST_ENTRY;
