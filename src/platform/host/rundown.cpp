@@ -51,7 +51,8 @@ BOOLEAN Acquire(PEX_RUNDOWN_REF ref, ULONG count, const char* routine, const voi
 
 void Release(PEX_RUNDOWN_REF ref, ULONG count, const char* routine, const void* caller) {
   CheckIrql(DISPATCH_LEVEL, routine, ref, caller);
-  ULONG_PTR value = __atomic_load_n(&ref->Count, __ATOMIC_RELAXED);
+  // Acquire: once the word points at a wait block, the block's contents must be visible.
+  ULONG_PTR value = __atomic_load_n(&ref->Count, __ATOMIC_ACQUIRE);
   for (;;) {
     if ((value & kActive) != 0) {
       auto* block = reinterpret_cast<WaitBlock*>(value & ~kActive);
@@ -61,7 +62,7 @@ void Release(PEX_RUNDOWN_REF ref, ULONG count, const char* routine, const void* 
                                  static_cast<void*>(ref), Caller(caller).c_str());
         return;
       }
-      LONG_PTR left = __atomic_sub_fetch(&block->Count, static_cast<LONG_PTR>(count), __ATOMIC_RELEASE);
+      LONG_PTR left = __atomic_sub_fetch(&block->Count, static_cast<LONG_PTR>(count), __ATOMIC_ACQ_REL);
       if (left < 0)
         kvhost::ReportViolationF("RundownReleaseUnderflow", "%s(%p) by %s: more releases than acquisitions",
                                  routine, static_cast<void*>(ref), Caller(caller).c_str());
@@ -74,7 +75,7 @@ void Release(PEX_RUNDOWN_REF ref, ULONG count, const char* routine, const void* 
       return;
     }
     if (__atomic_compare_exchange_n(&ref->Count, &value, value - count * kIncrement, true, __ATOMIC_RELEASE,
-                                    __ATOMIC_RELAXED))
+                                    __ATOMIC_ACQUIRE))
       return;
   }
 }
