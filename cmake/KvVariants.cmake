@@ -36,6 +36,9 @@ set(KV_KERNEL_INCLUDES ${KV_SOURCE_ROOT}/src/platform/nt ${KV_SOURCE_ROOT}/inclu
 set(KV_KERNEL_OPTIONS
   -nostdinc -nostdinc++
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-asynchronous-unwind-tables
+  # Calls into the kernel stay real calls, so the host kernel's reports name the driver
+  # routine that made them (after a tail call they would name its caller).
+  -fno-optimize-sibling-calls
   -Wall -Wextra -Werror -Wno-unused-parameter -Wno-missing-field-initializers
   -Wnon-virtual-dtor -Wshadow=local)
 

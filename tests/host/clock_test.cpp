@@ -16,10 +16,11 @@ using namespace std::chrono_literals;
 // The way a driver reads a KSYSTEM_TIME without a lock: High1Time, LowPart, then
 // High2Time must match.
 LONGLONG SharedSystemTime() {
+  volatile KSYSTEM_TIME& t = SharedUserData->SystemTime;
   for (;;) {
-    LONG high = SharedUserData->SystemTime.High1Time;
-    ULONG low = SharedUserData->SystemTime.LowPart;
-    if (high == SharedUserData->SystemTime.High2Time)
+    LONG high = __atomic_load_n(&t.High1Time, __ATOMIC_ACQUIRE);
+    ULONG low = __atomic_load_n(&t.LowPart, __ATOMIC_ACQUIRE);
+    if (high == __atomic_load_n(&t.High2Time, __ATOMIC_ACQUIRE))
       return static_cast<LONGLONG>((static_cast<ULONGLONG>(static_cast<ULONG>(high)) << 32) | low);
   }
 }

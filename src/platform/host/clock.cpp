@@ -70,7 +70,7 @@ LONGLONG AtTick(LONGLONG value, bool frozen) { return frozen ? value : value - v
 void StoreSharedTime(volatile KSYSTEM_TIME* target, LONGLONG value) {
   // High2Time first, then the low 8 bytes at once: a reader that loads the 64 bits sees
   // either the old or the new value.
-  target->High2Time = static_cast<LONG>(static_cast<ULONGLONG>(value) >> 32);
+  __atomic_store_n(&target->High2Time, static_cast<LONG>(static_cast<ULONGLONG>(value) >> 32), __ATOMIC_RELEASE);
   __atomic_store_n(reinterpret_cast<volatile ULONG64*>(target), static_cast<ULONG64>(value), __ATOMIC_RELEASE);
 }
 

@@ -36,10 +36,11 @@ constexpr UCHAR SizeInLongs(size_t bytes) { return static_cast<UCHAR>(bytes / si
 
 std::string Caller(const void* address) { return kvhost::DescribeCodeAddress(address); }
 
-// An initialised header has a known type, the size its initialisation wrote and a linked
-// wait list; a zeroed or foreign structure has not.
+// An initialised header has a known type and the size its initialisation wrote; a zeroed
+// structure (size 0) or pool that was never initialised (0xCD) has not. Only these two
+// fields are read, since nothing but initialisation writes them.
 bool IsDispatcherObject(const DISPATCHER_HEADER* h) {
-  if (h == nullptr || h->WaitListHead.Flink == nullptr || h->WaitListHead.Blink == nullptr) return false;
+  if (h == nullptr) return false;
   switch (h->Type) {
     case EventNotificationObject:
     case EventSynchronizationObject:
@@ -337,17 +338,18 @@ LONG KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY Increment, LONG Adjust
   if (KeGetCurrentIrql() > DISPATCH_LEVEL)
     kvhost::ReportViolationF("SemaphoreIrql", "KeReleaseSemaphore(%p) by %s at IRQL %u", static_cast<void*>(Semaphore),
                              Caller(caller).c_str(), KeGetCurrentIrql());
-  std::lock_guard<std::mutex> guard(State().Lock);
+  std::unique_lock<std::mutex> lock(State().Lock);
   LONG previous = Semaphore->Header.SignalState;
   long long raised = static_cast<long long>(previous) + Adjustment;
   if (Adjustment <= 0 || raised > Semaphore->Limit) {
+    LONG limit = Semaphore->Limit;
+    lock.unlock();
     // Windows raises STATUS_SEMAPHORE_LIMIT_EXCEEDED, a bug check in kernel mode. The count
     // stays as it was.
     kvhost::ReportViolationF("SemaphoreLimitExceeded",
                              "KeReleaseSemaphore(%p, adjustment %d) by %s: count %d would pass the limit %d "
                              "(STATUS_SEMAPHORE_LIMIT_EXCEEDED)",
-                             static_cast<void*>(Semaphore), Adjustment, Caller(caller).c_str(), previous,
-                             Semaphore->Limit);
+                             static_cast<void*>(Semaphore), Adjustment, Caller(caller).c_str(), previous, limit);
     return previous;
   }
   Semaphore->Header.SignalState = static_cast<LONG>(raised);

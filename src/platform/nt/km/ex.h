@@ -72,59 +72,46 @@ EXTERN_C NTKERNELAPI VOID ExFreePoolWithTag(_In_ PVOID P, _In_ ULONG Tag);
 
 // ---------------------------------------------------------------------------------------
 // Interlocked operations: full barriers, on naturally aligned operands.
-FORCEINLINE LONG InterlockedIncrement(LONG volatile* Addend) { return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST); }
-FORCEINLINE LONG InterlockedDecrement(LONG volatile* Addend) { return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST); }
-FORCEINLINE LONG InterlockedExchange(LONG volatile* Target, LONG Value) {
-  return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG InterlockedExchangeAdd(LONG volatile* Addend, LONG Value) {
-  return __atomic_fetch_add(Addend, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG InterlockedAdd(LONG volatile* Addend, LONG Value) {
-  return __atomic_add_fetch(Addend, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG InterlockedCompareExchange(LONG volatile* Destination, LONG ExChange, LONG Comperand) {
-  __atomic_compare_exchange_n(Destination, &Comperand, ExChange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-  return Comperand;
-}
-FORCEINLINE LONG InterlockedOr(LONG volatile* Destination, LONG Value) {
-  return __atomic_fetch_or(Destination, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG InterlockedAnd(LONG volatile* Destination, LONG Value) {
-  return __atomic_fetch_and(Destination, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG InterlockedXor(LONG volatile* Destination, LONG Value) {
-  return __atomic_fetch_xor(Destination, Value, __ATOMIC_SEQ_CST);
-}
+// The 32-bit (no suffix) and 64-bit ("64") families have the same members and meaning.
+#define KV_INTERLOCKED_FAMILY(Type, Suffix)                                                       \
+  FORCEINLINE Type InterlockedIncrement##Suffix(Type volatile* Addend) {                          \
+    return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);                                       \
+  }                                                                                               \
+  FORCEINLINE Type InterlockedDecrement##Suffix(Type volatile* Addend) {                          \
+    return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);                                       \
+  }                                                                                               \
+  FORCEINLINE Type InterlockedExchange##Suffix(Type volatile* Target, Type Value) {               \
+    return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);                                  \
+  }                                                                                               \
+  /* Returns the value before the addition. */                                                    \
+  FORCEINLINE Type InterlockedExchangeAdd##Suffix(Type volatile* Addend, Type Value) {            \
+    return __atomic_fetch_add(Addend, Value, __ATOMIC_SEQ_CST);                                   \
+  }                                                                                               \
+  /* Returns the value after the addition. */                                                     \
+  FORCEINLINE Type InterlockedAdd##Suffix(Type volatile* Addend, Type Value) {                    \
+    return __atomic_add_fetch(Addend, Value, __ATOMIC_SEQ_CST);                                   \
+  }                                                                                               \
+  /* Returns the value found, whether or not it was replaced. */                                  \
+  FORCEINLINE Type InterlockedCompareExchange##Suffix(Type volatile* Destination, Type ExChange,  \
+                                                      Type Comperand) {                           \
+    __atomic_compare_exchange_n(Destination, &Comperand, ExChange, false, __ATOMIC_SEQ_CST,       \
+                                __ATOMIC_SEQ_CST);                                                \
+    return Comperand;                                                                             \
+  }                                                                                               \
+  /* The bitwise forms return the value before the operation. */                                  \
+  FORCEINLINE Type InterlockedOr##Suffix(Type volatile* Destination, Type Value) {                \
+    return __atomic_fetch_or(Destination, Value, __ATOMIC_SEQ_CST);                               \
+  }                                                                                               \
+  FORCEINLINE Type InterlockedAnd##Suffix(Type volatile* Destination, Type Value) {               \
+    return __atomic_fetch_and(Destination, Value, __ATOMIC_SEQ_CST);                              \
+  }                                                                                               \
+  FORCEINLINE Type InterlockedXor##Suffix(Type volatile* Destination, Type Value) {               \
+    return __atomic_fetch_xor(Destination, Value, __ATOMIC_SEQ_CST);                              \
+  }
 
-FORCEINLINE LONG64 InterlockedIncrement64(LONG64 volatile* Addend) {
-  return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG64 InterlockedDecrement64(LONG64 volatile* Addend) {
-  return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG64 InterlockedExchange64(LONG64 volatile* Target, LONG64 Value) {
-  return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG64 InterlockedExchangeAdd64(LONG64 volatile* Addend, LONG64 Value) {
-  return __atomic_fetch_add(Addend, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG64 InterlockedAdd64(LONG64 volatile* Addend, LONG64 Value) {
-  return __atomic_add_fetch(Addend, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG64 InterlockedCompareExchange64(LONG64 volatile* Destination, LONG64 ExChange, LONG64 Comperand) {
-  __atomic_compare_exchange_n(Destination, &Comperand, ExChange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-  return Comperand;
-}
-FORCEINLINE LONG64 InterlockedOr64(LONG64 volatile* Destination, LONG64 Value) {
-  return __atomic_fetch_or(Destination, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG64 InterlockedAnd64(LONG64 volatile* Destination, LONG64 Value) {
-  return __atomic_fetch_and(Destination, Value, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG64 InterlockedXor64(LONG64 volatile* Destination, LONG64 Value) {
-  return __atomic_fetch_xor(Destination, Value, __ATOMIC_SEQ_CST);
-}
+KV_INTERLOCKED_FAMILY(LONG, )
+KV_INTERLOCKED_FAMILY(LONG64, 64)
+#undef KV_INTERLOCKED_FAMILY
 
 FORCEINLINE SHORT InterlockedIncrement16(SHORT volatile* Addend) {
   return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
@@ -217,6 +204,11 @@ EXTERN_C NTKERNELAPI PSINGLE_LIST_ENTRY ExInterlockedPopEntryList(_Inout_ PSINGL
 
 // ---------------------------------------------------------------------------------------
 // Lookaside lists: fixed-size blocks of one pool type and tag, cached for reuse.
+#ifndef DUMMYUNIONNAME2
+#define DUMMYUNIONNAME2
+#define DUMMYUNIONNAME3
+#define DUMMYUNIONNAME4
+#endif
 typedef struct DECLSPEC_ALIGN(16) _SLIST_ENTRY {
   struct _SLIST_ENTRY* Next;
 } SLIST_ENTRY, *PSLIST_ENTRY;
