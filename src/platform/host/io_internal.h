@@ -142,8 +142,6 @@ constexpr uint64_t kIrpMagic = 0x5052494854534F48ULL;  // "HOSTHIRP"
 // A checked header: null (after reporting) when `irp` is not an IRP the I/O manager knows;
 // an IRP already freed is reported as `freedCheck`.
 IrpHeader* CheckedHeader(PIRP irp, const char* routine, const char* freedCheck = "IrpUseAfterFree");
-// True when `irp` is allocated and not freed (takes the IRP table's lock).
-bool IsLiveIrp(PIRP irp);
 
 PIRP AllocateIrp(CCHAR stackSize, IrpOrigin origin, void* caller);
 // Takes the IRP out of the live table and releases its memory once no host frame pins it.

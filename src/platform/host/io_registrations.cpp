@@ -5,6 +5,7 @@
 // injection reaches it. A shutdown registration references its device; a reinitialization
 // registration references its driver.
 #include <cstdio>
+#include <initializer_list>
 #include <vector>
 
 #include "io_internal.h"
@@ -61,20 +62,29 @@ NTSTATUS RegisterShutdown(LIST_ENTRY* list, PDEVICE_OBJECT device, const void* s
   return STATUS_SUCCESS;
 }
 
+// Takes out of `lists` (the lock held) the packets that `match(packet, list)` chooses.
+template <typename Packet, typename Match>
+std::vector<Packet*> Unlink(std::initializer_list<LIST_ENTRY*> lists, Match match) {
+  std::vector<Packet*> taken;
+  for (LIST_ENTRY* list : lists) {
+    for (LIST_ENTRY* e = list->Flink; e != list;) {
+      auto* packet = CONTAINING_RECORD(e, Packet, ListEntry);
+      e = e->Flink;
+      if (!match(packet, list)) continue;
+      RemoveEntryList(&packet->ListEntry);
+      taken.push_back(packet);
+    }
+  }
+  return taken;
+}
+
 // Removes every shutdown registration of `device`; returns how many there were.
 size_t UnregisterShutdown(PDEVICE_OBJECT device) {
   std::vector<ShutdownPacket*> removed;
   {
     std::lock_guard<std::mutex> guard(Regs().Lock);
-    for (LIST_ENTRY* list : {&Regs().Shutdown, &Regs().LastChance}) {
-      for (LIST_ENTRY* e = list->Flink; e != list;) {
-        auto* packet = CONTAINING_RECORD(e, ShutdownPacket, ListEntry);
-        e = e->Flink;
-        if (packet->DeviceObject != device) continue;
-        RemoveEntryList(&packet->ListEntry);
-        removed.push_back(packet);
-      }
-    }
+    removed = Unlink<ShutdownPacket>({&Regs().Shutdown, &Regs().LastChance},
+                                     [&](ShutdownPacket* p, LIST_ENTRY*) { return p->DeviceObject == device; });
     device->Flags &= ~DO_SHUTDOWN_REGISTERED;
   }
   for (ShutdownPacket* packet : removed) {
@@ -179,16 +189,11 @@ std::vector<std::string> TakeReinitializationsOf(PDRIVER_OBJECT driver) {
   std::vector<std::string> described;
   {
     std::lock_guard<std::mutex> guard(Regs().Lock);
-    for (LIST_ENTRY* list : {&Regs().BootReinit, &Regs().Reinit}) {
-      for (LIST_ENTRY* e = list->Flink; e != list;) {
-        auto* packet = CONTAINING_RECORD(e, ReinitPacket, ListEntry);
-        e = e->Flink;
-        if (packet->DriverObject != driver) continue;
-        RemoveEntryList(&packet->ListEntry);
-        described.push_back(DescribeReinit(packet, list == &Regs().BootReinit));
-        taken.push_back(packet);
-      }
-    }
+    taken = Unlink<ReinitPacket>({&Regs().BootReinit, &Regs().Reinit}, [&](ReinitPacket* p, LIST_ENTRY* list) {
+      if (p->DriverObject != driver) return false;
+      described.push_back(DescribeReinit(p, list == &Regs().BootReinit));
+      return true;
+    });
   }
   for (ReinitPacket* packet : taken) {
     ObDereferenceObject(packet->DriverObject);

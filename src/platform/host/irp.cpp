@@ -114,12 +114,6 @@ PIRP AllocateIrp(CCHAR stackSize, IrpOrigin origin, void* caller) {
   return irp;
 }
 
-bool IsLiveIrp(PIRP irp) {
-  IrpTable& table = Table();
-  std::lock_guard<std::mutex> guard(table.Lock);
-  return table.Live.count(irp) != 0;
-}
-
 IrpHeader* CheckedHeader(PIRP irp, const char* routine, const char* freedCheck) {
   IrpTable& table = Table();
   std::unique_lock<std::mutex> guard(table.Lock);
