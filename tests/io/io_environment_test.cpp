@@ -5,6 +5,7 @@
 
 #include "io_test_stack.h"
 #include "kvhost/object.h"
+#include "kvhost/pool.h"
 #include "kvhost/verifier.h"
 #include "kvhost/workqueue.h"
 
@@ -130,6 +131,35 @@ TEST_F(IoStackTest, WorkItemsRunOnWorkerThreadsAndKeepTheirDeviceMeanwhile) {
   EXPECT_EQ(run.Object, disk);
   EXPECT_EQ(run.Item, own);
   IoUninitializeWorkItem(own);
+}
+
+// Requests, MDLs, work items and system buffers come from pool, so low memory reaches them
+// as it does in Windows; a request that cannot be built completely is not built at all.
+TEST_F(IoStackTest, IoAllocationsFailAsLowMemoryWould) {
+  PDEVICE_OBJECT disk = NewDisk();
+  kvhost::FailAllocationsWithTag(KV_POOL_TAG('I', 'r', 'p', ' '));
+  EXPECT_EQ(IoAllocateIrp(1, FALSE), nullptr);
+  kvhost::ClearPoolFaults();
+  kvhost::FailAllocationsWithTag(KV_POOL_TAG('M', 'd', 'l', ' '));
+  unsigned char buffer[64];
+  EXPECT_EQ(IoAllocateMdl(buffer, sizeof buffer, FALSE, FALSE, nullptr), nullptr);
+  IO_STATUS_BLOCK iosb{};
+  KEVENT done;
+  KeInitializeEvent(&done, NotificationEvent, FALSE);
+  LARGE_INTEGER at{};
+  EXPECT_EQ(IoBuildSynchronousFsdRequest(IRP_MJ_READ, disk, buffer, sizeof buffer, &at, &done, &iosb), nullptr)
+      << "no MDL for the direct-I/O disk, no request";
+  kvhost::ClearPoolFaults();
+  kvhost::FailAllocationsWithTag(KV_POOL_TAG('I', 'o', 'S', 'b'));
+  EXPECT_EQ(IoBuildDeviceIoControlRequest(IOCTL_RAMDISK_FILL, disk, buffer, 1, nullptr, 0, FALSE, &done, &iosb),
+            nullptr)
+      << "no system buffer, no request";
+  kvhost::ClearPoolFaults();
+  kvhost::FailAllocationsWithTag(KV_POOL_TAG('I', 'o', 'W', 'i'));
+  EXPECT_EQ(IoAllocateWorkItem(disk), nullptr);
+  kvhost::ClearPoolFaults();
+  EXPECT_EQ(kvhost::IoGetCounters().IrpsLive, 0u);
+  EXPECT_EQ(kvhost::IoGetCounters().MdlsLive, 0u);
 }
 
 TEST(ThreadEnvironment, StackLimitsAreTheThreadsOwnAndCanBeMadeShort) {
