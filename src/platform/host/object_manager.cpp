@@ -438,6 +438,9 @@ const bool kRegistered = [] {
 }  // namespace
 
 extern "C" NTSTATUS ZwClose(HANDLE Handle) {
+  if (KeGetCurrentIrql() != PASSIVE_LEVEL)
+    kvhost::ReportViolationF("ZwCloseIrql", "ZwClose of handle %p at IRQL %u (PASSIVE_LEVEL required)", Handle,
+                             KeGetCurrentIrql());
   NTSTATUS status = kvhost::ObCloseHandle(Handle);
   // Driver Verifier flags closing a kernel handle that is not open.
   if (status == STATUS_INVALID_HANDLE)
