@@ -8,7 +8,9 @@
 #include <string>
 
 #include "kvhost/dbgprint.h"
+#include "kvhost/irql.h"
 #include "kvhost/object.h"
+#include "kvhost/verifier.h"
 
 namespace {
 
@@ -126,6 +128,21 @@ TEST(DebugOutput, CapturesComponentLevelAndTheFormattedText) {
   EXPECT_NE(echoed.find("echoed line"), std::string::npos);
   EXPECT_EQ(echoed.find("quiet"), std::string::npos);
   EXPECT_EQ(kvhost::TakeDebugOutput().size(), 2u) << "echoed or not, every line is captured";
+}
+
+TEST(DebugOutput, UnicodeConversionsAreForPassiveLevelOnly) {
+  UNICODE_STRING name;
+  RtlInitUnicodeString(&name, L"C:");
+  kvhost::ViolationCapture capture;
+  kvhost::RunAtIrql(DISPATCH_LEVEL, [&] {
+    DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_TRACE_LEVEL, "[KVCBT] %s: Executing paused IRP %p on device %p\n",
+               "CbtResumeVolumeIo", &name, &name);
+  });
+  EXPECT_EQ(capture.Count(), 0u) << "plain conversions are fine at any IRQL: " << capture.Describe();
+  kvhost::RunAtIrql(DISPATCH_LEVEL, [&] { DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_TRACE_LEVEL, "%wZ\n", &name); });
+  ASSERT_TRUE(capture.Saw("PassiveLevelRequired")) << capture.Describe();
+  EXPECT_NE(capture.All()[0].Message.find("\"%wZ\n\""), std::string::npos) << capture.Describe();
+  EXPECT_EQ(kvhost::TakeDebugOutput().size(), 2u);
 }
 
 }  // namespace

@@ -7,7 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "kvhost/irql.h"
+#include "kvhost/pool.h"
 #include "kvhost/registry.h"
+#include "kvhost/verifier.h"
 
 namespace {
 
@@ -70,6 +73,39 @@ TEST(RegistryQuery, DefaultsAndRequiredEntries) {
   RTL_QUERY_REGISTRY_TABLE nameless[] = {{nullptr, RTL_QUERY_REGISTRY_DIRECT, nullptr, &target, REG_NONE, nullptr, 0}, {}};
   EXPECT_EQ(RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServicePath, nameless, nullptr, nullptr),
             STATUS_INVALID_PARAMETER);
+}
+
+TEST(RegistryQuery, ExpandSzIntoAnEmptyStringAllocatesAPoolBufferForTheCaller) {
+  kvhost::SetRegistryString(kService, u"DebugLogPath", u"%SystemRoot%\\kvcbt.log", REG_EXPAND_SZ);
+  UNICODE_STRING path{};
+  RTL_QUERY_REGISTRY_TABLE table[] = {{nullptr, kDirectChecked, const_cast<PWSTR>(L"DebugLogPath"), &path,
+                                       REG_EXPAND_SZ << RTL_QUERY_REGISTRY_TYPECHECK_SHIFT | REG_NONE, nullptr, 0},
+                                      {}};
+  size_t blocks = kvhost::OutstandingBlocks();
+  ASSERT_EQ(RtlQueryRegistryValuesEx(RTL_REGISTRY_ABSOLUTE, kServicePath, table, nullptr, nullptr), STATUS_SUCCESS);
+  ASSERT_NE(path.Buffer, nullptr);
+  EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(path.Buffer), path.Length / 2), u"C:\\Windows\\kvcbt.log");
+  EXPECT_EQ(path.MaximumLength, path.Length + sizeof(WCHAR));
+  EXPECT_EQ(path.Buffer[path.Length / 2], 0);
+  EXPECT_EQ(kvhost::OutstandingBlocks(), blocks + 1) << "the caller owns a pool block until it frees it";
+  RtlFreeUnicodeString(&path);
+  EXPECT_EQ(kvhost::OutstandingBlocks(), blocks);
+  EXPECT_EQ(path.Buffer, nullptr);
+
+  kvhost::FailNthAllocation(1);
+  EXPECT_EQ(RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServicePath, table, nullptr, nullptr), STATUS_NO_MEMORY);
+  EXPECT_EQ(path.Buffer, nullptr);
+  EXPECT_EQ(path.Length, 0);
+
+  kvhost::SetRegistryString(kService, u"DebugLogPath", u"C:\\kvcbt.log");
+  EXPECT_EQ(RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServicePath, table, nullptr, nullptr),
+            STATUS_OBJECT_TYPE_MISMATCH)
+      << "REG_SZ where REG_EXPAND_SZ is expected";
+
+  kvhost::ViolationCapture capture;
+  kvhost::RunAtIrql(DISPATCH_LEVEL,
+                    [&] { RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServicePath, table, nullptr, nullptr); });
+  EXPECT_TRUE(capture.Saw("PassiveLevelRequired")) << capture.Describe();
 }
 
 struct Seen {

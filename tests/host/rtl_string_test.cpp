@@ -8,6 +8,7 @@
 #include <string>
 
 #include "kvhost/object.h"
+#include "kvhost/pool.h"
 #include "kvhost/strings.h"
 
 namespace {
@@ -149,6 +150,46 @@ TEST(RtlGuid, ParsesOnlyTheExactBracedForm) {
   odd.Length = 75;
   EXPECT_EQ(RtlGUIDFromString(&odd, &g), STATUS_INVALID_PARAMETER);
   EXPECT_EQ(std::memcmp(&g, &untouched, sizeof g), 0) << "a refused string leaves the GUID alone";
+}
+
+TEST(RtlGuid, StringFormRoundTripsThroughAPoolBuffer) {
+  const GUID volumeClass = {0x71A27CDD, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x2F}};
+  UNICODE_STRING text{};
+  ASSERT_EQ(RtlStringFromGUID(volumeClass, &text), STATUS_SUCCESS);
+  EXPECT_EQ(Text(text), u"{71A27CDD-812A-11D0-BEC7-08002BE2092F}");
+  EXPECT_EQ(text.MaximumLength, text.Length + sizeof(WCHAR));
+  EXPECT_EQ(text.Buffer[text.Length / 2], 0);
+  GUID back{};
+  ASSERT_EQ(RtlGUIDFromString(&text, &back), STATUS_SUCCESS);
+  EXPECT_TRUE(IsEqualGUID(back, volumeClass));
+  EXPECT_EQ(kvhost::OutstandingBlocks(), 1u);
+  RtlFreeUnicodeString(&text);
+  EXPECT_EQ(kvhost::OutstandingBlocks(), 0u);
+
+  kvhost::FailNthAllocation(1);
+  EXPECT_EQ(RtlStringFromGUID(volumeClass, &text), STATUS_NO_MEMORY);
+  EXPECT_EQ(text.Buffer, nullptr);
+}
+
+TEST(RtlString, AllocatedConversionsAreFreedByTheirFreeRoutines) {
+  UNICODE_STRING source = Counted(L"HarddiskVolume4");
+  ANSI_STRING ansi{};
+  ASSERT_EQ(RtlUnicodeStringToAnsiString(&ansi, &source, TRUE), STATUS_SUCCESS);
+  EXPECT_STREQ(ansi.Buffer, "HarddiskVolume4");
+  EXPECT_EQ(ansi.MaximumLength, ansi.Length + 1);
+  UNICODE_STRING wide{};
+  ASSERT_EQ(RtlAnsiStringToUnicodeString(&wide, &ansi, TRUE), STATUS_SUCCESS);
+  UNICODE_STRING upper{};
+  ASSERT_EQ(RtlUpcaseUnicodeString(&upper, &wide, TRUE), STATUS_SUCCESS);
+  EXPECT_EQ(Text(upper), u"HARDDISKVOLUME4");
+  EXPECT_EQ(kvhost::OutstandingBlocks(), 3u);
+  RtlFreeAnsiString(&ansi);
+  RtlFreeUnicodeString(&wide);
+  RtlFreeUnicodeString(&upper);
+  EXPECT_EQ(kvhost::OutstandingBlocks(), 0u);
+
+  kvhost::FailNthAllocation(1);
+  EXPECT_EQ(RtlUnicodeStringToAnsiString(&ansi, &source, TRUE), STATUS_NO_MEMORY);
 }
 
 }  // namespace

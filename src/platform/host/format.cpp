@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "kvhost/strings.h"
+#include "kvhost/verifier.h"
 
 namespace kvhost {
 namespace {
@@ -67,6 +68,9 @@ template <typename Out>
 class Formatter {
  public:
   Formatter(Sink<Out>& sink, Arguments& args) : sink_(sink), args_(args) {}
+
+  // Whether an argument of the other width was converted through the code page.
+  bool ConvertedWidth() const { return convertedWidth_; }
 
   void Run(const Out* f) {
     while (*f != 0) {
@@ -310,7 +314,9 @@ class Formatter {
       case 'c':
       case 'C': {
         int v = va_arg(args_.List, int);
-        if (WideArgument(spec, conversion == 'C')) {
+        bool wide = WideArgument(spec, conversion == 'C');
+        convertedWidth_ |= wide != kWideOutput;
+        if (wide) {
           WCHAR c = static_cast<WCHAR>(v);
           return Text(&c, 1, spec);
         }
@@ -318,11 +324,17 @@ class Formatter {
         return Text(&c, 1, spec);
       }
       case 's':
-      case 'S':
-        if (WideArgument(spec, conversion == 'S')) return TerminatedText(va_arg(args_.List, const WCHAR*), spec);
+      case 'S': {
+        bool wide = WideArgument(spec, conversion == 'S');
+        convertedWidth_ |= wide != kWideOutput;
+        if (wide) return TerminatedText(va_arg(args_.List, const WCHAR*), spec);
         return TerminatedText(va_arg(args_.List, const char*), spec);
-      case 'Z':
-        return CountedText(spec.Length == Size::Wide || spec.Length == Size::Long, spec);
+      }
+      case 'Z': {
+        bool wide = spec.Length == Size::Wide || spec.Length == Size::Long;
+        convertedWidth_ |= wide != kWideOutput;
+        return CountedText(wide, spec);
+      }
       case 'n':
         // Writing through an argument is not supported by the kernel's formatter.
         (void)va_arg(args_.List, void*);
@@ -345,15 +357,30 @@ class Formatter {
 
   Sink<Out>& sink_;
   Arguments& args_;
+  bool convertedWidth_ = false;
 };
+
+// The code-page tables are pageable: converting text between widths needs PASSIVE_LEVEL.
+template <typename Out>
+void CheckConversionLevel(const Out* format) {
+  KIRQL irql = KeGetCurrentIrql();
+  if (irql == PASSIVE_LEVEL) return;
+  std::string text;
+  for (const Out* p = format; *p != 0 && text.size() < 200; ++p) text.push_back(static_cast<char>(*p));
+  ReportViolationF("PassiveLevelRequired",
+                   "the format \"%s\" converts text between ANSI and Unicode at IRQL %u (PASSIVE_LEVEL required)",
+                   text.c_str(), irql);
+}
 
 template <typename Out>
 size_t Format(Out* out, size_t capacity, const Out* format, va_list args) {
   Sink<Out> sink{out, capacity};
   Arguments arguments;
   va_copy(arguments.List, args);
-  Formatter<Out>(sink, arguments).Run(format);
+  Formatter<Out> formatter(sink, arguments);
+  formatter.Run(format);
   va_end(arguments.List);
+  if (formatter.ConvertedWidth()) CheckConversionLevel(format);
   return sink.Count;
 }
 

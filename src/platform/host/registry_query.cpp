@@ -8,6 +8,7 @@
 
 #include "kvhost/registry.h"
 #include "kvhost/strings.h"
+#include "passive_level.h"
 #include "rtl_string_memory.h"
 
 namespace {
@@ -319,11 +320,13 @@ extern "C" {
 
 NTSTATUS RtlQueryRegistryValues(ULONG RelativeTo, PCWSTR Path, PRTL_QUERY_REGISTRY_TABLE QueryTable, PVOID Context,
                                 PVOID Environment) {
+  KV_REQUIRE_PASSIVE_LEVEL("RtlQueryRegistryValues");
   return QueryRegistryValues(RelativeTo, Path, QueryTable, Context, Environment);
 }
 
 NTSTATUS RtlQueryRegistryValuesEx(ULONG RelativeTo, PCWSTR Path, PRTL_QUERY_REGISTRY_TABLE QueryTable, PVOID Context,
                                   PVOID Environment) {
+  KV_REQUIRE_PASSIVE_LEVEL("RtlQueryRegistryValuesEx");
   return QueryRegistryValues(RelativeTo, Path, QueryTable, Context, Environment);
 }
 

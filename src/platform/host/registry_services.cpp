@@ -6,6 +6,7 @@
 
 #include "kvhost/object.h"
 #include "kvhost/strings.h"
+#include "passive_level.h"
 #include "registry_hive.h"
 
 namespace {
@@ -15,31 +16,23 @@ struct KeyObject {
   unsigned long long KeyId;
 };
 
-ACCESS_MASK MapKeyAccess(ACCESS_MASK desired) {
-  ACCESS_MASK granted = desired & ~(GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL | MAXIMUM_ALLOWED);
-  if (desired & GENERIC_READ) granted |= KEY_READ;
-  if (desired & GENERIC_WRITE) granted |= KEY_WRITE;
-  if (desired & GENERIC_EXECUTE) granted |= KEY_EXECUTE;
-  if (desired & (GENERIC_ALL | MAXIMUM_ALLOWED)) granted |= KEY_ALL_ACCESS;
-  return granted;
-}
-
-// The hive key behind a handle, when the handle was opened with `needed` access.
-NTSTATUS KeyIdFromHandle(HANDLE handle, ACCESS_MASK needed, unsigned long long* id) {
+// The hive key behind a handle. The Zw services run with a kernel-mode previous mode, so
+// the handle's granted access is not checked (as ObReferenceObjectByHandle does not for
+// KernelMode).
+NTSTATUS KeyIdFromHandle(HANDLE handle, unsigned long long* id) {
   PVOID object = nullptr;
-  OBJECT_HANDLE_INFORMATION info{};
-  NTSTATUS status = ObReferenceObjectByHandle(handle, needed, *CmKeyObjectType, KernelMode, &object, &info);
+  NTSTATUS status = ObReferenceObjectByHandle(handle, 0, *CmKeyObjectType, KernelMode, &object, nullptr);
   if (!NT_SUCCESS(status)) return status;
   *id = static_cast<KeyObject*>(object)->KeyId;
   ObDereferenceObject(object);
-  return (info.GrantedAccess & needed) == needed ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+  return STATUS_SUCCESS;
 }
 
 NTSTATUS OpenHandle(unsigned long long keyId, ACCESS_MASK desired, PHANDLE handle) {
   auto* object = static_cast<KeyObject*>(kvhost::ObCreateObject(*CmKeyObjectType, sizeof(KeyObject)));
   if (object == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
   object->KeyId = keyId;
-  *handle = kvhost::ObCreateHandle(object, MapKeyAccess(desired));
+  *handle = kvhost::ObCreateHandle(object, desired);
   ObDereferenceObject(object);  // the handle keeps it
   return STATUS_SUCCESS;
 }
@@ -58,7 +51,7 @@ NTSTATUS ParseKeyName(POBJECT_ATTRIBUTES attributes, KeyName* name) {
   if (attributes->ObjectName != nullptr && attributes->ObjectName->Length % sizeof(WCHAR) != 0)
     return STATUS_OBJECT_NAME_INVALID;
   if (attributes->RootDirectory != nullptr) {
-    NTSTATUS status = KeyIdFromHandle(attributes->RootDirectory, 0, &name->BaseId);
+    NTSTATUS status = KeyIdFromHandle(attributes->RootDirectory, &name->BaseId);
     if (!NT_SUCCESS(status)) return status;
     if (!text.empty() && text.front() == u'\\') return STATUS_OBJECT_PATH_SYNTAX_BAD;
   } else {
@@ -147,11 +140,11 @@ NTSTATUS FillValueInformation(const kvhost::hive::Value& value, KEY_VALUE_INFORM
   return length < full ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 
-// Runs `body` on the live key behind a handle opened with `needed` access.
+// Runs `body` on the live key behind a handle.
 template <typename Body>
-NTSTATUS WithKey(HANDLE handle, ACCESS_MASK needed, Body body) {
+NTSTATUS WithKey(HANDLE handle, Body body) {
   unsigned long long id = 0;
-  NTSTATUS status = KeyIdFromHandle(handle, needed, &id);
+  NTSTATUS status = KeyIdFromHandle(handle, &id);
   if (!NT_SUCCESS(status)) return status;
   auto lock = kvhost::hive::HiveLock();
   kvhost::hive::Key* key = kvhost::hive::FindKeyById(id);
@@ -163,6 +156,7 @@ NTSTATUS WithKey(HANDLE handle, ACCESS_MASK needed, Body body) {
 extern "C" {
 
 NTSTATUS ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes) {
+  KV_REQUIRE_PASSIVE_LEVEL("ZwOpenKey");
   if (KeyHandle == nullptr) return STATUS_INVALID_PARAMETER;
   *KeyHandle = nullptr;
   KeyName name;
@@ -181,6 +175,7 @@ NTSTATUS ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBU
 
 NTSTATUS ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                      ULONG TitleIndex, PUNICODE_STRING Class, ULONG CreateOptions, PULONG Disposition) {
+  KV_REQUIRE_PASSIVE_LEVEL("ZwCreateKey");
   if (KeyHandle == nullptr) return STATUS_INVALID_PARAMETER;
   *KeyHandle = nullptr;
   KeyName name;
@@ -208,9 +203,10 @@ NTSTATUS ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRI
 NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                          KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
                          ULONG Length, PULONG ResultLength) {
+  KV_REQUIRE_PASSIVE_LEVEL("ZwQueryValueKey");
   if (ResultLength == nullptr || (KeyValueInformation == nullptr && Length != 0)) return STATUS_INVALID_PARAMETER;
   std::u16string_view valueName = kvhost::View(ValueName);
-  return WithKey(KeyHandle, KEY_QUERY_VALUE, [&](kvhost::hive::Key& key) {
+  return WithKey(KeyHandle, [&](kvhost::hive::Key& key) {
     kvhost::hive::Value* value = key.FindValue(valueName);
     if (value == nullptr) return STATUS_OBJECT_NAME_NOT_FOUND;
     return FillValueInformation(*value, KeyValueInformationClass, KeyValueInformation, Length, ResultLength);
@@ -219,8 +215,9 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
 
 NTSTATUS ZwEnumerateValueKey(HANDLE KeyHandle, ULONG Index, KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass,
                              PVOID KeyValueInformation, ULONG Length, PULONG ResultLength) {
+  KV_REQUIRE_PASSIVE_LEVEL("ZwEnumerateValueKey");
   if (ResultLength == nullptr || (KeyValueInformation == nullptr && Length != 0)) return STATUS_INVALID_PARAMETER;
-  return WithKey(KeyHandle, KEY_QUERY_VALUE, [&](kvhost::hive::Key& key) {
+  return WithKey(KeyHandle, [&](kvhost::hive::Key& key) {
     if (Index >= key.Values.size()) return STATUS_NO_MORE_ENTRIES;
     return FillValueInformation(key.Values[Index], KeyValueInformationClass, KeyValueInformation, Length,
                                 ResultLength);
@@ -229,23 +226,26 @@ NTSTATUS ZwEnumerateValueKey(HANDLE KeyHandle, ULONG Index, KEY_VALUE_INFORMATIO
 
 NTSTATUS ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleIndex, ULONG Type, PVOID Data,
                        ULONG DataSize) {
+  KV_REQUIRE_PASSIVE_LEVEL("ZwSetValueKey");
   if (Data == nullptr && DataSize != 0) return STATUS_INVALID_PARAMETER;
   std::u16string_view valueName = kvhost::View(ValueName);
-  return WithKey(KeyHandle, KEY_SET_VALUE, [&](kvhost::hive::Key& key) {
+  return WithKey(KeyHandle, [&](kvhost::hive::Key& key) {
     key.SetValue(valueName, Type, Data, DataSize);
     return STATUS_SUCCESS;
   });
 }
 
 NTSTATUS ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName) {
+  KV_REQUIRE_PASSIVE_LEVEL("ZwDeleteValueKey");
   std::u16string_view valueName = kvhost::View(ValueName);
-  return WithKey(KeyHandle, KEY_SET_VALUE, [&](kvhost::hive::Key& key) {
+  return WithKey(KeyHandle, [&](kvhost::hive::Key& key) {
     return key.DeleteValue(valueName) ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
   });
 }
 
 NTSTATUS ZwFlushKey(HANDLE KeyHandle) {
-  return WithKey(KeyHandle, 0, [](kvhost::hive::Key&) { return STATUS_SUCCESS; });
+  KV_REQUIRE_PASSIVE_LEVEL("ZwFlushKey");
+  return WithKey(KeyHandle, [](kvhost::hive::Key&) { return STATUS_SUCCESS; });
 }
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 #include <wdm.h>
 
 #include "kvhost/strings.h"
+#include "passive_level.h"
 #include "rtl_string_memory.h"
 
 namespace {
@@ -35,6 +36,7 @@ extern "C" {
 
 // The exact form only: braces, dashes in place, 32 hex digits of either case, nothing else.
 NTSTATUS RtlGUIDFromString(PCUNICODE_STRING GuidString, GUID* Guid) {
+  KV_REQUIRE_PASSIVE_LEVEL("RtlGUIDFromString");
   if (GuidString == nullptr || Guid == nullptr) return STATUS_INVALID_PARAMETER;
   std::u16string_view s = kvhost::View(GuidString);
   if (GuidString->Length % sizeof(WCHAR) != 0 || s.size() != kGuidChars || s[0] != u'{' || s[37] != u'}' ||
@@ -57,6 +59,7 @@ NTSTATUS RtlGUIDFromString(PCUNICODE_STRING GuidString, GUID* Guid) {
 
 // Upper-case hex in a terminated buffer from paged pool, freed with RtlFreeUnicodeString.
 NTSTATUS RtlStringFromGUID(REFGUID Guid, PUNICODE_STRING GuidString) {
+  KV_REQUIRE_PASSIVE_LEVEL("RtlStringFromGUID");
   char text[kGuidChars + 1];
   std::snprintf(text, sizeof text, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", Guid.Data1, Guid.Data2,
                      Guid.Data3, Guid.Data4[0], Guid.Data4[1], Guid.Data4[2], Guid.Data4[3], Guid.Data4[4],

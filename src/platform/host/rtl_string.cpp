@@ -6,6 +6,7 @@
 #include <wdm.h>
 
 #include "kvhost/strings.h"
+#include "passive_level.h"
 #include "rtl_string_memory.h"
 
 namespace {
@@ -144,6 +145,7 @@ WCHAR RtlDowncaseUnicodeChar(WCHAR SourceCharacter) { return kvhost::DowncaseCha
 
 NTSTATUS RtlUpcaseUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString,
                                 BOOLEAN AllocateDestinationString) {
+  KV_REQUIRE_PASSIVE_LEVEL("RtlUpcaseUnicodeString");
   std::u16string upper = kvhost::UpcaseText(kvhost::View(SourceString));
   USHORT bytes = SourceString->Length;
   if (AllocateDestinationString) {
@@ -162,6 +164,7 @@ NTSTATUS RtlUpcaseUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STR
 // STATUS_BUFFER_OVERFLOW.
 NTSTATUS RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString, PCUNICODE_STRING SourceString,
                                       BOOLEAN AllocateDestinationString) {
+  KV_REQUIRE_PASSIVE_LEVEL("RtlUnicodeStringToAnsiString");
   std::u16string_view text = kvhost::View(SourceString);
   ULONG ansiSize = static_cast<ULONG>(text.size()) + 1;
   if (ansiSize > MAXUSHORT) return STATUS_INVALID_PARAMETER_2;
@@ -192,6 +195,7 @@ NTSTATUS RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString, PCUNICODE_
 // it.
 NTSTATUS RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_STRING SourceString,
                                       BOOLEAN AllocateDestinationString) {
+  KV_REQUIRE_PASSIVE_LEVEL("RtlAnsiStringToUnicodeString");
   ULONG unicodeSize = (static_cast<ULONG>(SourceString->Length) + 1) * sizeof(WCHAR);
   if (unicodeSize > kMaxUnicodeBytes) return STATUS_INVALID_PARAMETER_2;
   DestinationString->Length = static_cast<USHORT>(unicodeSize - sizeof(WCHAR));
