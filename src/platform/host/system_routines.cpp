@@ -11,6 +11,7 @@
 
 #include "kvhost/object.h"
 #include "kvhost/verifier.h"
+#include "passive_level.h"
 
 namespace kvhost {
 namespace {
@@ -48,6 +49,21 @@ struct ExportTable {
       KV_EXPORT(DbgPrintEx),
       KV_EXPORT(vDbgPrintEx),
       KV_EXPORT(MmGetSystemRoutineAddress),
+      KV_EXPORT(ZwOpenEvent),
+      KV_EXPORT(ZwCreateEvent),
+      KV_EXPORT(ZwSetEvent),
+      KV_EXPORT(ZwWaitForSingleObject),
+      // Executive routines that drivers look up before relying on them.
+      KV_EXPORT(ExAllocatePoolWithTag),
+      KV_EXPORT(ExAllocatePool2),
+      KV_EXPORT(ExAllocatePoolZero),
+      KV_EXPORT(ExFreePoolWithTag),
+      KV_EXPORT(KeQueryPerformanceCounter),
+      KV_EXPORT(KeQuerySystemTimePrecise),
+      KV_EXPORT(KeQueryInterruptTimePrecise),
+      KV_EXPORT(KeQueryActiveProcessorCountEx),
+      KV_EXPORT(KeDelayExecutionThread),
+      KV_EXPORT(PsCreateSystemThread),
   };
   std::set<std::string, std::less<>> Hidden;
 };
@@ -96,6 +112,7 @@ void ShowSystemRoutine(std::string_view name) {
 
 // Export names are matched exactly, case included.
 extern "C" PVOID MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName) {
+  KV_REQUIRE_PASSIVE_LEVEL("MmGetSystemRoutineAddress");
   if (SystemRoutineName == nullptr) return nullptr;
   std::string name = kvhost::ToUtf8(SystemRoutineName);
   kvhost::ExportTable& table = kvhost::Table();

@@ -2,6 +2,7 @@
 #pragma once
 #include "basetypes.h"
 #include "cm.h"
+#include "ke.h"
 
 // Closes a kernel handle of any kind (key, file, event, thread); STATUS_INVALID_HANDLE
 // for a handle that is not open.
@@ -32,3 +33,27 @@ EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING
                                                ULONG Type, PVOID Data, ULONG DataSize);
 EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName);
 EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwFlushKey(HANDLE KeyHandle);
+
+// ---------------------------------------------------------------------------------------
+// Events by handle, and waits on any waitable object's handle (events, semaphores,
+// threads). Named events live in the object namespace ("\Device\VolumesSafeForWriteAccess");
+// a name that is not there is STATUS_OBJECT_NAME_NOT_FOUND, one that names another kind of
+// object STATUS_OBJECT_TYPE_MISMATCH.
+
+#define EVENT_QUERY_STATE 0x0001
+#define EVENT_MODIFY_STATE 0x0002
+#define EVENT_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3)
+C_ASSERT(EVENT_ALL_ACCESS == 0x1F0003);
+
+EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwOpenEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess,
+                                             POBJECT_ATTRIBUTES ObjectAttributes);
+// Without a name the event is the handle's alone. A name that is taken is
+// STATUS_OBJECT_NAME_COLLISION, or with OBJ_OPENIF opens that event and returns
+// STATUS_OBJECT_NAME_EXISTS.
+EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess,
+                                               POBJECT_ATTRIBUTES ObjectAttributes, EVENT_TYPE EventType,
+                                               BOOLEAN InitialState);
+EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwSetEvent(HANDLE EventHandle, PLONG PreviousState);
+EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwClearEvent(HANDLE EventHandle);
+// Timeout as KeWaitForSingleObject's; STATUS_SUCCESS when signalled, STATUS_TIMEOUT.
+EXTERN_C NTSYSAPI NTSTATUS NTAPI ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout);
