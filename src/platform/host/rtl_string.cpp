@@ -30,6 +30,19 @@ LONG CompareUnits(std::u16string_view a, std::u16string_view b, bool caseInsensi
   return lengthDifference;
 }
 
+// Gives a counted string (of either width) a new pool buffer of `bytes`; on failure the
+// string is left empty.
+template <typename Counted>
+bool AllocateBuffer(Counted* s, ULONG bytes) {
+  s->Buffer = static_cast<decltype(s->Buffer)>(kvhost::AllocateStringBuffer(bytes));
+  if (s->Buffer == nullptr) {
+    s->Length = s->MaximumLength = 0;
+    return false;
+  }
+  s->MaximumLength = static_cast<USHORT>(bytes);
+  return true;
+}
+
 bool ValidBase(ULONG base) { return base == 2 || base == 8 || base == 10 || base == 16; }
 
 }  // namespace
@@ -149,9 +162,7 @@ NTSTATUS RtlUpcaseUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STR
   std::u16string upper = kvhost::UpcaseText(kvhost::View(SourceString));
   USHORT bytes = SourceString->Length;
   if (AllocateDestinationString) {
-    DestinationString->Buffer = static_cast<PWCH>(kvhost::AllocateStringBuffer(bytes));
-    if (DestinationString->Buffer == nullptr) return STATUS_NO_MEMORY;
-    DestinationString->MaximumLength = bytes;
+    if (!AllocateBuffer(DestinationString, bytes)) return STATUS_NO_MEMORY;
   } else if (bytes > DestinationString->MaximumLength) {
     return STATUS_BUFFER_OVERFLOW;
   }
@@ -171,12 +182,7 @@ NTSTATUS RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString, PCUNICODE_
   NTSTATUS status = STATUS_SUCCESS;
   DestinationString->Length = static_cast<USHORT>(ansiSize - 1);
   if (AllocateDestinationString) {
-    DestinationString->Buffer = static_cast<PCHAR>(kvhost::AllocateStringBuffer(ansiSize));
-    if (DestinationString->Buffer == nullptr) {
-      DestinationString->Length = DestinationString->MaximumLength = 0;
-      return STATUS_NO_MEMORY;
-    }
-    DestinationString->MaximumLength = static_cast<USHORT>(ansiSize);
+    if (!AllocateBuffer(DestinationString, ansiSize)) return STATUS_NO_MEMORY;
   } else if (DestinationString->Length >= DestinationString->MaximumLength) {
     status = STATUS_BUFFER_OVERFLOW;
     if (DestinationString->MaximumLength == 0) {
@@ -200,12 +206,7 @@ NTSTATUS RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_
   if (unicodeSize > kMaxUnicodeBytes) return STATUS_INVALID_PARAMETER_2;
   DestinationString->Length = static_cast<USHORT>(unicodeSize - sizeof(WCHAR));
   if (AllocateDestinationString) {
-    DestinationString->Buffer = static_cast<PWCH>(kvhost::AllocateStringBuffer(unicodeSize));
-    if (DestinationString->Buffer == nullptr) {
-      DestinationString->Length = DestinationString->MaximumLength = 0;
-      return STATUS_NO_MEMORY;
-    }
-    DestinationString->MaximumLength = static_cast<USHORT>(unicodeSize);
+    if (!AllocateBuffer(DestinationString, unicodeSize)) return STATUS_NO_MEMORY;
   } else if (DestinationString->Length >= DestinationString->MaximumLength) {
     return STATUS_BUFFER_OVERFLOW;
   }
