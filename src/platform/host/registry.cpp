@@ -41,6 +41,30 @@ void Forget(Key* key) {
   State().ById.erase(key->Id);
 }
 
+std::vector<unsigned char> StringBytes(std::u16string_view text) {
+  std::vector<unsigned char> bytes((text.size() + 1) * sizeof(char16_t), 0);
+  std::memcpy(bytes.data(), text.data(), text.size() * sizeof(char16_t));
+  return bytes;
+}
+
+// A fresh hive: the standard keys and the machine's environment. The lock is held.
+void Populate() {
+  State().RootKey = NewKey(u"Registry", nullptr);
+  for (std::u16string_view path : {
+           u"\\Registry\\Machine\\System\\CurrentControlSet\\Services",
+           u"\\Registry\\Machine\\System\\CurrentControlSet\\Control\\Class",
+           u"\\Registry\\Machine\\Software\\Microsoft\\Windows NT\\CurrentVersion",
+           u"\\Registry\\Machine\\Hardware\\DeviceMap",
+           u"\\Registry\\User\\.Default",
+       })
+    AddPath(path);
+  Key* environment = AddPath(kRegistryEnvironmentKey);
+  for (auto [name, value] : {std::pair{u"SystemRoot", u"C:\\Windows"}, std::pair{u"SystemDrive", u"C:"}}) {
+    std::vector<unsigned char> bytes = StringBytes(value);
+    environment->SetValue(name, REG_SZ, bytes.data(), bytes.size());
+  }
+}
+
 }  // namespace
 
 Value* Key::FindValue(std::u16string_view name) {
@@ -80,7 +104,11 @@ bool Key::DeleteValue(std::u16string_view name) {
   return false;
 }
 
-std::unique_lock<std::mutex> HiveLock() { return std::unique_lock<std::mutex>(State().Lock); }
+std::unique_lock<std::mutex> HiveLock() {
+  std::unique_lock<std::mutex> lock(State().Lock);
+  if (!State().RootKey) Populate();  // a program that runs no tests
+  return lock;
+}
 
 Key* Root() { return State().RootKey.get(); }
 
@@ -126,6 +154,15 @@ Key* FindKey(std::u16string_view fullPath) {
   return key;
 }
 
+Key* AddPath(std::u16string_view fullPath) {
+  std::u16string_view rest;
+  std::vector<std::u16string_view> names;
+  if (!BelowRoot(fullPath, &rest) || !SplitPath(rest, &names)) return nullptr;
+  Key* key = Root();
+  for (std::u16string_view name : names) key = key->AddSubkey(name);
+  return key;
+}
+
 void DeleteKey(Key* key) {
   Forget(key);
   key->Parent->Subkeys.erase(UpcaseText(key->Name));
@@ -135,7 +172,7 @@ void Reset() {
   HiveState& s = State();
   std::lock_guard<std::mutex> guard(s.Lock);
   s.ById.clear();
-  s.RootKey = NewKey(u"Registry", nullptr);
+  Populate();
 }
 
 }  // namespace kvhost::hive
@@ -146,45 +183,18 @@ namespace {
 // The key at a full path, created with its missing parents; reports a path that is not a
 // registry path.
 hive::Key* CreatePath(std::u16string_view path) {
-  std::u16string_view rest;
-  std::vector<std::u16string_view> names;
-  if (!hive::BelowRoot(path, &rest) || !hive::SplitPath(rest, &names)) {
+  hive::Key* key = hive::AddPath(path);
+  if (key == nullptr)
     ReportViolation("RegistryTestPath", "\"" + ToUtf8(path) + "\" is not a registry path (\\Registry\\...)");
-    return nullptr;
-  }
-  hive::Key* key = hive::Root();
-  for (std::u16string_view name : names) key = key->AddSubkey(name);
   return key;
 }
 
-std::vector<unsigned char> StringBytes(std::u16string_view text) {
-  std::vector<unsigned char> bytes((text.size() + 1) * sizeof(char16_t), 0);
-  std::memcpy(bytes.data(), text.data(), text.size() * sizeof(char16_t));
-  return bytes;
-}
-
-void SeedStandardKeys() {
-  for (std::u16string_view path : {
-           u"\\Registry\\Machine\\System\\CurrentControlSet\\Services",
-           u"\\Registry\\Machine\\System\\CurrentControlSet\\Control\\Class",
-           u"\\Registry\\Machine\\Software\\Microsoft\\Windows NT\\CurrentVersion",
-           u"\\Registry\\Machine\\Hardware\\DeviceMap",
-           u"\\Registry\\User\\.Default",
-       })
-    CreateRegistryKey(path);
-  SetRegistryString(kRegistryEnvironmentKey, u"SystemRoot", u"C:\\Windows");
-  SetRegistryString(kRegistryEnvironmentKey, u"SystemDrive", u"C:");
-}
 
 const bool kRegistered = [] {
   RegisterTestHooks({
       .Name = "registry",
       .Order = 20,
-      .Reset =
-          [] {
-            hive::Reset();
-            SeedStandardKeys();
-          },
+      .Reset = [] { hive::Reset(); },
       .Quiesce = nullptr,
       .Check = nullptr,
   });
@@ -228,7 +238,7 @@ bool SetRegistryQword(std::u16string_view path, std::u16string_view name, ULONGL
 }
 
 bool SetRegistryString(std::u16string_view path, std::u16string_view name, std::u16string_view text, ULONG type) {
-  std::vector<unsigned char> bytes = StringBytes(text);
+  std::vector<unsigned char> bytes = hive::StringBytes(text);
   return SetRegistryValue(path, name, type, bytes.data(), bytes.size());
 }
 
@@ -236,7 +246,7 @@ bool SetRegistryMultiString(std::u16string_view path, std::u16string_view name,
                             const std::vector<std::u16string>& strings) {
   std::u16string joined;
   for (const std::u16string& s : strings) joined.append(s).push_back(u'\0');
-  std::vector<unsigned char> bytes = StringBytes(joined);
+  std::vector<unsigned char> bytes = hive::StringBytes(joined);
   return SetRegistryValue(path, name, REG_MULTI_SZ, bytes.data(), bytes.size());
 }
 

@@ -52,6 +52,10 @@ bool BelowRoot(std::u16string_view fullPath, std::u16string_view* rest);
 // The key at a full path ("\Registry\..."); nullptr when it, or the path, is not there.
 Key* FindKey(std::u16string_view fullPath);
 
+// The key at a full path, created with every missing parent; nullptr for a path that is
+// not a registry path.
+Key* AddPath(std::u16string_view fullPath);
+
 // Deletes a key and its subtree (not the root).
 void DeleteKey(Key* key);
 
