@@ -144,24 +144,20 @@ bool BelowRoot(std::u16string_view fullPath, std::u16string_view* rest) {
   return true;
 }
 
-Key* FindKey(std::u16string_view fullPath) {
+// The key at a full path; with `create`, the missing keys on the way are added.
+Key* KeyAtPath(std::u16string_view fullPath, bool create) {
   std::u16string_view rest;
   std::vector<std::u16string_view> names;
   if (!BelowRoot(fullPath, &rest) || !SplitPath(rest, &names)) return nullptr;
   Key* key = Root();
   for (std::u16string_view name : names)
-    if ((key = key->FindSubkey(name)) == nullptr) return nullptr;
+    if ((key = create ? key->AddSubkey(name) : key->FindSubkey(name)) == nullptr) return nullptr;
   return key;
 }
 
-Key* AddPath(std::u16string_view fullPath) {
-  std::u16string_view rest;
-  std::vector<std::u16string_view> names;
-  if (!BelowRoot(fullPath, &rest) || !SplitPath(rest, &names)) return nullptr;
-  Key* key = Root();
-  for (std::u16string_view name : names) key = key->AddSubkey(name);
-  return key;
-}
+Key* FindKey(std::u16string_view fullPath) { return KeyAtPath(fullPath, false); }
+
+Key* AddPath(std::u16string_view fullPath) { return KeyAtPath(fullPath, true); }
 
 void DeleteKey(Key* key) {
   Forget(key);
