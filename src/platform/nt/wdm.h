@@ -7,6 +7,7 @@
 #include "km/ke.h"
 #include "km/ex.h"
 #include "km/rtl.h"
+#include "km/system_routines.h"
 #include "km/ob.h"
 #include "km/mm.h"
 #include "km/io.h"
