@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "kvhost/object.h"
+#include "kvhost/strings.h"
 #include "kvhost/verifier.h"
 
 namespace {
@@ -30,12 +31,8 @@ static_assert(sizeof(ObjectHeader) % 16 == 0, "bodies stay 16-byte aligned");
 ObjectHeader* HeaderOf(PVOID body) { return reinterpret_cast<ObjectHeader*>(body) - 1; }
 PVOID BodyOf(ObjectHeader* header) { return header + 1; }
 
-kvhost::WString FoldCase(std::u16string_view s) {
-  kvhost::WString out(s);
-  for (char16_t& c : out)
-    if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - u'a' + u'A');
-  return out;
-}
+// Object directories compare names without regard to case, with the kernel's case table.
+kvhost::WString FoldCase(std::u16string_view s) { return kvhost::UpcaseText(s); }
 
 struct HandleEntry {
   PVOID Body;

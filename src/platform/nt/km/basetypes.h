@@ -322,8 +322,10 @@ typedef const STRING* PCANSI_STRING;
 #define UNICODE_NULL ((WCHAR)0)
 #define ANSI_NULL ((CHAR)0)
 #define UNICODE_STRING_MAX_BYTES ((USHORT)65534)
-#define RTL_CONSTANT_STRING(s) \
-  {sizeof(s) - sizeof((s)[0]), sizeof(s), const_cast<decltype(&(s)[0])>(s)}
+// A counted string over a literal; Buffer is not const in the structure, as in the WDK.
+template <typename T>
+constexpr T* KvLiteralBuffer(const T* literal) { return const_cast<T*>(literal); }
+#define RTL_CONSTANT_STRING(s) {sizeof(s) - sizeof((s)[0]), sizeof(s), KvLiteralBuffer(s)}
 #define DECLARE_CONST_UNICODE_STRING(_var, _string) \
   const WCHAR _var##_buffer[] = _string;            \
   const UNICODE_STRING _var = {sizeof(_string) - sizeof(WCHAR), sizeof(_string), (PWCH)_var##_buffer}

@@ -262,12 +262,16 @@ typedef struct _GENERAL_LOOKASIDE {
   ULONG Future[2];
 } GENERAL_LOOKASIDE, *PGENERAL_LOOKASIDE;
 
-typedef struct DECLSPEC_CACHEALIGN _NPAGED_LOOKASIDE_LIST {
+// The WDK asks for cache-line alignment of lookaside lists as a performance hint; pool
+// blocks are only 16-byte aligned, and drivers embed lists in pool structures (a driver
+// object extension, a device extension). The layout here keeps 16-byte alignment so that
+// such an embedding is well-formed.
+typedef struct DECLSPEC_ALIGN(16) _NPAGED_LOOKASIDE_LIST {
   GENERAL_LOOKASIDE L;
   KSPIN_LOCK Lock__ObsoleteButDoNotDelete;
 } NPAGED_LOOKASIDE_LIST, *PNPAGED_LOOKASIDE_LIST;
 
-typedef struct DECLSPEC_CACHEALIGN _PAGED_LOOKASIDE_LIST {
+typedef struct DECLSPEC_ALIGN(16) _PAGED_LOOKASIDE_LIST {
   GENERAL_LOOKASIDE L;
   KSPIN_LOCK Lock__ObsoleteButDoNotDelete;
 } PAGED_LOOKASIDE_LIST, *PPAGED_LOOKASIDE_LIST;
