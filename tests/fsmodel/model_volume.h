@@ -13,6 +13,7 @@
 
 #include "../io/drivers/test_drivers.h"
 #include "kvhost/io.h"
+#include "kvhost/object.h"
 #include "kvtestbed/file_system.h"
 #include "kvtestbed/fs_model.h"
 
@@ -73,6 +74,7 @@ class ModelVolumeTest : public testing::Test {
   void SetUp() override;
   void TearDown() override;
 
+ public:
   // ZwCreateFile as the driver calls it, on a full name.
   static OpenResult Open(std::u16string name, ACCESS_MASK access = GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE,
                          ULONG share = FILE_SHARE_READ, ULONG disposition = FILE_OPEN_IF,
@@ -93,6 +95,7 @@ class ModelVolumeTest : public testing::Test {
   static NTSTATUS RetrievalPointers(HANDLE file, LONGLONG vcn, std::vector<unsigned char>* answer, ULONG bytes,
                                     ULONG_PTR* information = nullptr);
 
+ protected:
   // The disk's bytes, read with a request built straight to the disk device: below the
   // filter and the file system.
   std::vector<unsigned char> RawRead(LONGLONG offset, ULONG length);
