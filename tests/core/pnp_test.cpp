@@ -40,8 +40,8 @@ TEST_F(PnpTest, RequestsThatMatterToABackupAreRecordedAndAllArePassedOn) {
             (std::vector<UCHAR>{IRP_MN_START_DEVICE, IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_QUERY_STOP_DEVICE,
                                 IRP_MN_STOP_DEVICE, IRP_MN_DEVICE_USAGE_NOTIFICATION, IRP_MN_QUERY_CAPABILITIES}));
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
-  EXPECT_EQ(records[0].VolumeNumber, 5u);
-  EXPECT_EQ(records[0].DeviceFlags, ULONG{CBT_FLAG_TRACKING_VALID});
+  EXPECT_EQ(+records[0].VolumeNumber, 5u);
+  EXPECT_EQ(+records[0].DeviceFlags, ULONG{CBT_FLAG_TRACKING_VALID});
 }
 
 TEST_F(PnpTest, AStartThatFailsBelowIsRecordedAndReturnedAndTheFilterStays) {
@@ -51,7 +51,7 @@ TEST_F(PnpTest, AStartThatFailsBelowIsRecordedAndReturnedAndTheFilterStays) {
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
   ASSERT_EQ(records.size(), 2u);
   EXPECT_STREQ(records[1].Text, "CbtStartDevice");
-  EXPECT_EQ(records[1].Status, static_cast<ULONG>(STATUS_DEVICE_NOT_READY));
+  EXPECT_EQ(+records[1].Status, static_cast<ULONG>(STATUS_DEVICE_NOT_READY));
   EXPECT_EQ(volume.Pdo->AttachedDevice, volume.Filter);
   volume.Lower->PnpStatus = STATUS_SUCCESS;
 }
@@ -110,7 +110,7 @@ TEST_F(PnpTest, SurpriseRemovalThenRemovalTearDownEverything) {
 
   EXPECT_EQ(RemoveVolume(volume), STATUS_SUCCESS);
   EXPECT_EQ(RecordTexts(), (std::vector<std::string>{"CbtSurpriseRemoval", "CbtRemoveDevice"}));
-  EXPECT_EQ(Records()[1].DeviceFlags & CBT_FLAG_SURPRISE_REMOVED, ULONG{CBT_FLAG_SURPRISE_REMOVED});
+  EXPECT_EQ(+Records()[1].DeviceFlags & CBT_FLAG_SURPRISE_REMOVED, ULONG{CBT_FLAG_SURPRISE_REMOVED});
 }
 
 // The removal waits for a read the volume still holds: the filter leaves the stack only
