@@ -254,6 +254,21 @@ TEST_F(DeviceControlTest, DriverCodesOfLaterHandlersGoDownUnchanged) {
     ExpectPassedDownUnchanged(row, request, result, probe_.ControlRequests());
   }
   EXPECT_TRUE(TakeDispatchRecords().empty());
+
+  // An output length stated without a buffer: the request arrives without an MDL, and the
+  // dispatch neither maps nor completes it.
+  for (ULONG code : {IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION, IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION_EX,
+                     IOCTL_KVCBT_GET_VOLUME_BITMAP}) {
+    SCOPED_TRACE(code);
+    ScriptAnswer(code, 0);
+    probe_.Clear();
+    const ControlResult result = Send({.Code = code, .OutputLength = 120, .HasOutputBuffer = false});
+    const std::vector<ProbeRequest> seen = probe_.ControlRequests();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_FALSE(seen[0].HadMdl);
+    EXPECT_EQ(seen[0].OutputLength, 120u);
+    EXPECT_EQ(result.Status, STATUS_SUCCESS);
+  }
 }
 
 TEST_F(DeviceControlTest, EnablingTrackingIsAnsweredHereWithoutABuffer) {
