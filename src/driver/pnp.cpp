@@ -95,7 +95,7 @@ VOID CbtTeardownVolume(PCBT_DEVICE_EXTENSION Extension, BOOLEAN FreeName) {
     // Checked again under the mutex: another teardown may have dropped the reader meanwhile.
     if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) != 0) {
       if (Extension->FileSystemType == CBT_FILE_SYSTEM_NTFS)
-        NtfsUninitialize(CbtNtfsContext(&Extension->FileSystemContext));
+        NtfsUninitialize(&Extension->FileSystemContext.Ntfs);
       else if (Extension->FileSystemType == CBT_FILE_SYSTEM_REFS)
         RefsUninitialize(&Extension->FileSystemContext.Refs);
       Extension->FileSystemType = CBT_FILE_SYSTEM_NONE;

@@ -1,19 +1,35 @@
 // File-system reader state kept in each volume's extension: the NTFS or ReFS context,
 // chosen by the extension's FileSystemType.
 #pragma once
-#include <ntddk.h>
+#include <ntifs.h>
 
 #define CBT_FILE_SYSTEM_NONE 0
 #define CBT_FILE_SYSTEM_NTFS 1
 #define CBT_FILE_SYSTEM_REFS 2
 
-// The NTFS reader's state. Its layout holds the reader's cluster maps (large MCBs), so it
-// is completed together with the reader; until then the extension reserves room for it.
-typedef struct _NTFS_VOLUME_CONTEXT NTFS_VOLUME_CONTEXT, *PNTFS_VOLUME_CONTEXT;
-
-// Bytes reserved for a reader's state in each extension. The NTFS context (two large MCBs,
-// a semaphore and its geometry) needs well under this.
-#define CBT_FILE_SYSTEM_CONTEXT_BYTES 512
+// The NTFS reader's state.
+typedef struct _NTFS_VOLUME_CONTEXT {
+  KSEMAPHORE Lock;  // limit 1, count 1; serialises every operation on the context
+  PDEVICE_OBJECT Device;  // the volume's lower device
+  ULONG LogFlags;         // the volume's Flags, VolumeNumber and DriveLetter, for CbtLogEvent
+  ULONG LogVolumeNumber;
+  WCHAR LogDriveLetter;
+  ULONG BytesPerSector;  // the disk's sector size
+  ULONG SectorsPerCluster;
+  ULONG BytesPerCluster;
+  ULONG FileRecordSize;
+  LONGLONG TotalSectors;
+  LONGLONG TotalClusters;
+  LONGLONG VolumeLength;
+  PVOID MftRecord;  // copy of the $MFT base record, FileRecordSize bytes of paged pool
+  UCHAR MftHasAttributeList;
+  UCHAR Initialized;  // MftMcb is valid
+  LONGLONG MftLcn;
+  LONGLONG MftOffset;
+  LARGE_MCB MftMcb;  // VCN to LCN of $MFT
+  UCHAR LogFileMcbValid;
+  LARGE_MCB LogFileMcb;  // VCN to LCN of $LogFile
+} NTFS_VOLUME_CONTEXT, *PNTFS_VOLUME_CONTEXT;
 
 // The ReFS reader's state.
 typedef struct _REFS_VOLUME_CONTEXT {
@@ -36,14 +52,8 @@ typedef struct _REFS_VOLUME_CONTEXT {
   WCHAR LogDriveLetter;
 } REFS_VOLUME_CONTEXT, *PREFS_VOLUME_CONTEXT;
 
+// One reader's state at a time, the one FileSystemType names.
 typedef union _CBT_FILE_SYSTEM_CONTEXT {
+  NTFS_VOLUME_CONTEXT Ntfs;
   REFS_VOLUME_CONTEXT Refs;
-  DECLSPEC_ALIGN(16) UCHAR Storage[CBT_FILE_SYSTEM_CONTEXT_BYTES];
 } CBT_FILE_SYSTEM_CONTEXT, *PCBT_FILE_SYSTEM_CONTEXT;
-
-C_ASSERT(sizeof(CBT_FILE_SYSTEM_CONTEXT) == CBT_FILE_SYSTEM_CONTEXT_BYTES);
-
-// The NTFS context in a volume's storage.
-FORCEINLINE PNTFS_VOLUME_CONTEXT CbtNtfsContext(PCBT_FILE_SYSTEM_CONTEXT Context) {
-  return reinterpret_cast<PNTFS_VOLUME_CONTEXT>(Context->Storage);
-}
