@@ -222,7 +222,7 @@ void Unload(PDRIVER_OBJECT driver) {
 
 }  // namespace
 
-EXTERN_C NTSTATUS TestFilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
+EXTERN_C NTSTATUS PassThroughFilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
   g_driver = driver;
   g_interfaceNotification = nullptr;
   Note("", "DriverEntry", kvhost::ToUtf8(registryPath));
