@@ -3,6 +3,7 @@
 // Seam: until the control codes are handled, every request is passed down under removal
 // protection, and one that arrives during removal is refused.
 #include "control/cbt_control.h"
+#include "control/cbt_control_handlers.h"
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_dispatch.h"
 #include "driver/cbt_removal_protection.h"
@@ -17,6 +18,11 @@ NTSTATUS CbtDispatchDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     IoCompleteRequest(Irp, IO_NO_INCREMENT);
     return STATUS_DEVICE_DOES_NOT_EXIST;
   }
+  CbtReleaseRemovalProtection(DeviceObject);
+  return CbtDispatchPassThrough(DeviceObject, Irp);
+}
+
+NTSTATUS CbtReleaseAndPassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   CbtReleaseRemovalProtection(DeviceObject);
   return CbtDispatchPassThrough(DeviceObject, Irp);
 }

@@ -2,8 +2,10 @@
 // power and Plug and Play request parameters, Plug and Play and shutdown registrations.
 #pragma once
 #include "ex.h"
+#include "file.h"
 #include "mm.h"
 #include "ob.h"
+#include "se.h"
 
 struct _DEVICE_OBJECT;
 struct _DRIVER_OBJECT;
@@ -714,7 +716,7 @@ typedef struct _FILE_OBJECT {
 
 typedef struct _IO_SECURITY_CONTEXT {
   PVOID SecurityQos;
-  PVOID AccessState;
+  PACCESS_STATE AccessState;
   ACCESS_MASK DesiredAccess;
   ULONG FullCreateOptions;
 } IO_SECURITY_CONTEXT, *PIO_SECURITY_CONTEXT;
@@ -806,11 +808,44 @@ typedef struct _IO_STACK_LOCATION {
       LARGE_INTEGER ByteOffset;
     } Write;
     struct {
+      ULONG Length;
+      FILE_INFORMATION_CLASS POINTER_ALIGNMENT FileInformationClass;
+    } QueryFile;
+    struct {
+      ULONG Length;
+      FILE_INFORMATION_CLASS POINTER_ALIGNMENT FileInformationClass;
+      PFILE_OBJECT FileObject;
+      union {
+        struct {
+          BOOLEAN ReplaceIfExists;
+          BOOLEAN AdvanceOnly;
+        };
+        ULONG ClusterCount;
+        HANDLE DeleteHandle;
+      };
+    } SetFile;
+    struct {
+      ULONG Length;
+      FS_INFORMATION_CLASS POINTER_ALIGNMENT FsInformationClass;
+    } QueryVolume;
+    struct {
+      ULONG Length;
+      FS_INFORMATION_CLASS POINTER_ALIGNMENT FsInformationClass;
+    } SetVolume;
+    struct {
       ULONG OutputBufferLength;
       ULONG POINTER_ALIGNMENT InputBufferLength;
       ULONG POINTER_ALIGNMENT FsControlCode;
       PVOID Type3InputBuffer;
     } FileSystemControl;
+    struct {
+      SECURITY_INFORMATION SecurityInformation;
+      ULONG POINTER_ALIGNMENT Length;
+    } QuerySecurity;
+    struct {
+      SECURITY_INFORMATION SecurityInformation;
+      PSECURITY_DESCRIPTOR SecurityDescriptor;
+    } SetSecurity;
     struct {
       ULONG OutputBufferLength;
       ULONG POINTER_ALIGNMENT InputBufferLength;
@@ -883,6 +918,8 @@ C_ASSERT(sizeof(IO_STACK_LOCATION) == 0x48);
 C_ASSERT(FIELD_OFFSET(IO_STACK_LOCATION, Parameters.Read.ByteOffset) == 0x18);
 C_ASSERT(FIELD_OFFSET(IO_STACK_LOCATION, Parameters.Power.State) == 0x18);
 C_ASSERT(FIELD_OFFSET(IO_STACK_LOCATION, Parameters.UsageNotification.Type) == 0x10);
+C_ASSERT(FIELD_OFFSET(IO_STACK_LOCATION, Parameters.SetFile.FileObject) == 0x18);
+C_ASSERT(FIELD_OFFSET(IO_STACK_LOCATION, Parameters.SetSecurity.SecurityDescriptor) == 0x10);
 C_ASSERT(sizeof(IRP) == 0xD0);
 C_ASSERT(FIELD_OFFSET(IRP, Tail.Overlay.CurrentStackLocation) == 0xB8);
 
