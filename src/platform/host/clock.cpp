@@ -133,6 +133,7 @@ const bool kRegistered = [] {
       .Reset = [] { kvhost::FollowHostClock(); },
       .Quiesce = nullptr,
       .Check = nullptr,
+      .SurvivesPowerLoss = true,
   });
   return true;
 }();

@@ -61,6 +61,7 @@ const bool kRegistered = [] {
           },
       .Quiesce = nullptr,
       .Check = nullptr,
+      .SurvivesPowerLoss = true,
   });
   return true;
 }();

@@ -193,6 +193,7 @@ const bool kRegistered = [] {
       .Reset = [] { hive::Reset(); },
       .Quiesce = nullptr,
       .Check = nullptr,
+      .SurvivesPowerLoss = true,
   });
   return true;
 }();

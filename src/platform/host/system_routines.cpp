@@ -86,6 +86,7 @@ const bool kRegistered = [] {
           },
       .Quiesce = nullptr,
       .Check = nullptr,
+      .SurvivesPowerLoss = true,
   });
   return true;
 }();

@@ -121,6 +121,11 @@ void BeginTest() {
     if (h.Reset) h.Reset();
 }
 
+void ResetAfterPowerLoss() {
+  for (const TestHooks& h : SnapshotHooks())
+    if (h.Reset && !h.SurvivesPowerLoss) h.Reset();
+}
+
 std::vector<std::string> EndTest() {
   std::vector<std::string> problems;
   std::vector<TestHooks> hooks = SnapshotHooks();

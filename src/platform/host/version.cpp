@@ -27,6 +27,7 @@ const bool kRegistered = [] {
       .Reset = [] { SetWindowsVersion(WindowsVersion{}); },
       .Quiesce = nullptr,
       .Check = nullptr,
+      .SurvivesPowerLoss = true,
   });
   return true;
 }();

@@ -65,9 +65,18 @@ struct TestHooks {
   std::function<void()> Reset;                           // start of a test: fresh state
   std::function<void()> Quiesce;                         // end of a test: let background work finish
   std::function<void(std::vector<std::string>&)> Check;  // end of a test: what was left behind
+  // State kept on disk or outside the machine (the registry, the clock, the Windows release,
+  // the debugger's capture) outlives a power loss; everything else is memory and does not.
+  bool SurvivesPowerLoss = false;
 };
 
 void RegisterTestHooks(TestHooks hooks);
+
+// A power loss of the simulated machine: every subsystem whose state lives in memory returns
+// to its fresh state (its Reset), without calling into any driver and without reporting what
+// was left behind; the subsystems that survive a power loss keep theirs. Violations already
+// reported stay. The caller makes sure no driver code still runs (work items, threads).
+void ResetAfterPowerLoss();
 
 // Called by the test harness (and by programs that run several machines in one process).
 void BeginTest();
