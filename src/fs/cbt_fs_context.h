@@ -1,18 +1,38 @@
 // File-system reader state kept in each volume's extension: the NTFS or ReFS context,
 // chosen by the extension's FileSystemType.
 #pragma once
-#include <ntddk.h>
+#include <ntifs.h>
 
 #define CBT_FILE_SYSTEM_NONE 0
 #define CBT_FILE_SYSTEM_NTFS 1
 #define CBT_FILE_SYSTEM_REFS 2
 
-// The NTFS reader's state. Its layout holds the reader's cluster maps (large MCBs), so it
-// is completed together with the reader; until then the extension reserves room for it.
-typedef struct _NTFS_VOLUME_CONTEXT NTFS_VOLUME_CONTEXT, *PNTFS_VOLUME_CONTEXT;
+// The NTFS reader's state: the volume's geometry from its boot sector, a copy of the $MFT
+// base record, and the cluster maps of $MFT and $LogFile. Zero while no volume is read.
+typedef struct _NTFS_VOLUME_CONTEXT {
+  KSEMAPHORE Lock;  // limit 1, count 1: one operation on the context at a time
+  PDEVICE_OBJECT Device;  // the volume's lower device
+  ULONG LogFlags;         // the volume's Flags, VolumeNumber and DriveLetter, for CbtLogEvent
+  ULONG LogVolumeNumber;
+  WCHAR LogDriveLetter;
+  ULONG BytesPerSector;  // the disk's
+  ULONG SectorsPerCluster;
+  ULONG BytesPerCluster;
+  ULONG FileRecordSize;
+  LONGLONG TotalSectors;  // the boot sector's
+  LONGLONG TotalClusters;
+  LONGLONG VolumeLength;  // bytes, from the disk
+  PVOID MftRecord;        // the $MFT base record, FileRecordSize bytes
+  UCHAR MftHasAttributeList;
+  UCHAR Initialized;  // MftMcb is valid
+  LONGLONG MftLcn;
+  LONGLONG MftOffset;
+  LARGE_MCB MftMcb;  // VCN -> LCN of $MFT
+  UCHAR LogFileMcbValid;
+  LARGE_MCB LogFileMcb;  // VCN -> LCN of $LogFile
+} NTFS_VOLUME_CONTEXT, *PNTFS_VOLUME_CONTEXT;
 
-// Bytes reserved for a reader's state in each extension. The NTFS context (two large MCBs,
-// a semaphore and its geometry) needs well under this.
+// Bytes reserved for a reader's state in each extension.
 #define CBT_FILE_SYSTEM_CONTEXT_BYTES 512
 
 // The ReFS reader's state.
@@ -37,6 +57,7 @@ typedef struct _REFS_VOLUME_CONTEXT {
 } REFS_VOLUME_CONTEXT, *PREFS_VOLUME_CONTEXT;
 
 typedef union _CBT_FILE_SYSTEM_CONTEXT {
+  NTFS_VOLUME_CONTEXT Ntfs;
   REFS_VOLUME_CONTEXT Refs;
   DECLSPEC_ALIGN(16) UCHAR Storage[CBT_FILE_SYSTEM_CONTEXT_BYTES];
 } CBT_FILE_SYSTEM_CONTEXT, *PCBT_FILE_SYSTEM_CONTEXT;
@@ -44,6 +65,5 @@ typedef union _CBT_FILE_SYSTEM_CONTEXT {
 C_ASSERT(sizeof(CBT_FILE_SYSTEM_CONTEXT) == CBT_FILE_SYSTEM_CONTEXT_BYTES);
 
 // The NTFS context in a volume's storage.
-FORCEINLINE PNTFS_VOLUME_CONTEXT CbtNtfsContext(PCBT_FILE_SYSTEM_CONTEXT Context) {
-  return reinterpret_cast<PNTFS_VOLUME_CONTEXT>(Context->Storage);
-}
+FORCEINLINE PNTFS_VOLUME_CONTEXT CbtNtfsContext(PCBT_FILE_SYSTEM_CONTEXT Context) { return &Context->Ntfs; }
+FORCEINLINE PREFS_VOLUME_CONTEXT CbtRefsContext(PCBT_FILE_SYSTEM_CONTEXT Context) { return &Context->Refs; }
