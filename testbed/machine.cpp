@@ -140,10 +140,7 @@ Volume* Machine::AddVolume(VolumeConfig config, std::string* error) {
   }
   auto content = std::make_shared<detail::VolumeContent>(std::move(store));
   std::unique_ptr<Volume> volume(new Volume(nextVolumeNumber_++, nullptr, std::move(config), std::move(content)));
-  Volume& added = *volume;
-  volumes_.push_back(std::move(volume));
-  if (running_) ArriveNow(added, true);
-  return &added;
+  return &Connect(std::move(volume));
 }
 
 Volume& Machine::AddShadowCopy(Volume& original, std::string name) {
@@ -159,9 +156,16 @@ Volume& Machine::AddShadowCopy(Volume& original, std::string name) {
                          GPT_BASIC_DATA_ATTRIBUTE_HIDDEN | GPT_BASIC_DATA_ATTRIBUTE_NO_DRIVE_LETTER;
   auto content = std::static_pointer_cast<detail::VolumeContent>(original.content_)->TakeSnapshot();
   std::unique_ptr<Volume> volume(new Volume(nextShadowCopyNumber_++, &original, std::move(config), std::move(content)));
+  Note(volume->Name() + ": shadow copy of " + original.Name() + " taken");
+  return Connect(std::move(volume));
+}
+
+// A new volume joins the machine, powered as the machine is, and arrives when it runs.
+Volume& Machine::Connect(std::unique_ptr<Volume> volume) {
   Volume& added = *volume;
   volumes_.push_back(std::move(volume));
-  Note(added.Name() + ": shadow copy of " + original.Name() + " taken");
+  added.worker_ = worker_.get();
+  added.poweredOff_ = !running_;
   if (running_) ArriveNow(added, true);
   return added;
 }

@@ -167,6 +167,11 @@ NTSTATUS Machine::SendLinkDeleted(Volume& volume, std::u16string_view name) {
 NTSTATUS Machine::AssignDriveLetter(Volume& volume, char16_t letter) {
   if (letter < u'A' || letter > u'Z') return STATUS_INVALID_PARAMETER;
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
+  if (PVOID taken = kvhost::ObLookupObjectByName(DriveLetterLink(letter))) {
+    ObDereferenceObject(taken);
+    return Note(volume.Name() + ": drive letter " + Narrow(DriveLetterName(letter)) + " is taken",
+                STATUS_OBJECT_NAME_COLLISION);
+  }
   if (volume.Config().DriveLetter != 0) RemoveDriveLetter(volume);
   const NTSTATUS status = CreateLink(volume, DriveLetterLink(letter), DriveLetterName(letter));
   if (NT_SUCCESS(status)) {

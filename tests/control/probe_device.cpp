@@ -35,6 +35,52 @@ void CompleteFromWorkItem(PDEVICE_OBJECT, PVOID context) {
 
 }  // namespace
 
+ProbeRequest CaptureRequest(PIRP irp) {
+  PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+  ProbeRequest seen;
+  seen.MajorFunction = sp->MajorFunction;
+  seen.StackFlags = sp->Flags;
+  seen.IrpFlags = irp->Flags;
+  seen.RequestorMode = irp->RequestorMode;
+  seen.From32bitProcess = IoIs32bitProcess(irp);
+  seen.PriorityHint = IoGetIoPriorityHint(irp);
+  seen.Cancel = irp->Cancel;
+  seen.Thread = irp->Tail.Overlay.Thread;
+  seen.StackCount = irp->StackCount;
+  seen.OriginalFileObject = irp->Tail.Overlay.OriginalFileObject;
+  seen.HadMdl = irp->MdlAddress != nullptr;
+  if (seen.HadMdl) seen.MdlBytes = MmGetMdlByteCount(irp->MdlAddress);
+  if (sp->MajorFunction == IRP_MJ_DEVICE_CONTROL || sp->MajorFunction == IRP_MJ_INTERNAL_DEVICE_CONTROL) {
+    seen.ControlCode = sp->Parameters.DeviceIoControl.IoControlCode;
+    seen.InputLength = sp->Parameters.DeviceIoControl.InputBufferLength;
+    seen.OutputLength = sp->Parameters.DeviceIoControl.OutputBufferLength;
+    seen.UserBuffer = irp->UserBuffer;
+    seen.HadSystemBuffer = irp->AssociatedIrp.SystemBuffer != nullptr;
+    if (seen.HadSystemBuffer && METHOD_FROM_CTL_CODE(seen.ControlCode) == METHOD_BUFFERED) {
+      const auto* bytes = static_cast<const uint8_t*>(irp->AssociatedIrp.SystemBuffer);
+      seen.SystemBufferBytes.assign(bytes, bytes + std::max(seen.InputLength, seen.OutputLength));
+    } else if (seen.HadSystemBuffer) {
+      const auto* bytes = static_cast<const uint8_t*>(irp->AssociatedIrp.SystemBuffer);
+      seen.SystemBufferBytes.assign(bytes, bytes + seen.InputLength);
+    }
+  } else if (sp->MajorFunction == IRP_MJ_READ || sp->MajorFunction == IRP_MJ_WRITE) {
+    seen.Length = sp->Parameters.Read.Length;
+    seen.Key = sp->Parameters.Read.Key;
+    seen.ByteOffset = sp->Parameters.Read.ByteOffset.QuadPart;
+  }
+
+  return seen;
+}
+
+void WriteReplyBytes(PIRP irp, const std::vector<uint8_t>& bytes) {
+  if (bytes.empty()) return;
+  void* target = irp->AssociatedIrp.SystemBuffer;
+  const ULONG code = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode;
+  if (irp->MdlAddress != nullptr && METHOD_FROM_CTL_CODE(code) != METHOD_BUFFERED)
+    target = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority | MdlMappingNoExecute);
+  if (target != nullptr) std::memcpy(target, bytes.data(), bytes.size());
+}
+
 ProbeDevice::ProbeDevice(ULONG sectorSize, size_t diskBytes, CCHAR stackSize, DEVICE_TYPE deviceType)
     : disk_(diskBytes) {
   static std::atomic<int> serial{0};
@@ -89,37 +135,7 @@ NTSTATUS ProbeDevice::Dispatch(PDEVICE_OBJECT device, PIRP irp) { return Owner(d
 
 NTSTATUS ProbeDevice::Handle(PIRP irp) {
   PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-  ProbeRequest seen;
-  seen.MajorFunction = sp->MajorFunction;
-  seen.StackFlags = sp->Flags;
-  seen.IrpFlags = irp->Flags;
-  seen.RequestorMode = irp->RequestorMode;
-  seen.From32bitProcess = IoIs32bitProcess(irp);
-  seen.PriorityHint = IoGetIoPriorityHint(irp);
-  seen.Cancel = irp->Cancel;
-  seen.Thread = irp->Tail.Overlay.Thread;
-  seen.StackCount = irp->StackCount;
-  seen.OriginalFileObject = irp->Tail.Overlay.OriginalFileObject;
-  seen.HadMdl = irp->MdlAddress != nullptr;
-  if (seen.HadMdl) seen.MdlBytes = MmGetMdlByteCount(irp->MdlAddress);
-  if (sp->MajorFunction == IRP_MJ_DEVICE_CONTROL || sp->MajorFunction == IRP_MJ_INTERNAL_DEVICE_CONTROL) {
-    seen.ControlCode = sp->Parameters.DeviceIoControl.IoControlCode;
-    seen.InputLength = sp->Parameters.DeviceIoControl.InputBufferLength;
-    seen.OutputLength = sp->Parameters.DeviceIoControl.OutputBufferLength;
-    seen.UserBuffer = irp->UserBuffer;
-    seen.HadSystemBuffer = irp->AssociatedIrp.SystemBuffer != nullptr;
-    if (seen.HadSystemBuffer && METHOD_FROM_CTL_CODE(seen.ControlCode) == METHOD_BUFFERED) {
-      const auto* bytes = static_cast<const uint8_t*>(irp->AssociatedIrp.SystemBuffer);
-      seen.SystemBufferBytes.assign(bytes, bytes + std::max(seen.InputLength, seen.OutputLength));
-    } else if (seen.HadSystemBuffer) {
-      const auto* bytes = static_cast<const uint8_t*>(irp->AssociatedIrp.SystemBuffer);
-      seen.SystemBufferBytes.assign(bytes, bytes + seen.InputLength);
-    }
-  } else if (sp->MajorFunction == IRP_MJ_READ || sp->MajorFunction == IRP_MJ_WRITE) {
-    seen.Length = sp->Parameters.Read.Length;
-    seen.Key = sp->Parameters.Read.Key;
-    seen.ByteOffset = sp->Parameters.Read.ByteOffset.QuadPart;
-  }
+  const ProbeRequest seen = CaptureRequest(irp);
 
   ProbeReply reply;
   bool cancel = false;
@@ -169,13 +185,7 @@ NTSTATUS ProbeDevice::Transfer(PIRP irp, bool pend) {
 }
 
 NTSTATUS ProbeDevice::Reply(PIRP irp, ProbeReply reply) {
-  if (!reply.Bytes.empty()) {
-    void* target = irp->AssociatedIrp.SystemBuffer;
-    if (irp->MdlAddress != nullptr && METHOD_FROM_CTL_CODE(IoGetCurrentIrpStackLocation(irp)
-                                                              ->Parameters.DeviceIoControl.IoControlCode) != METHOD_BUFFERED)
-      target = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority | MdlMappingNoExecute);
-    if (target != nullptr) std::memcpy(target, reply.Bytes.data(), reply.Bytes.size());
-  }
+  WriteReplyBytes(irp, reply.Bytes);
   if (reply.Pend) {
     IoMarkIrpPending(irp);
     CompleteLater(irp, reply.Status, reply.Information, device_);

@@ -49,6 +49,12 @@ struct ProbeReply {
   bool Pend = false;           // mark pending, complete from a work item
 };
 
+// What a request looks like as it arrives at a device.
+ProbeRequest CaptureRequest(PIRP irp);
+// Writes reply bytes where the request's method puts its output: the system buffer, or the
+// memory of the MDL of a direct-method control code.
+void WriteReplyBytes(PIRP irp, const std::vector<uint8_t>& bytes);
+
 class ProbeDevice {
  public:
   // Creates a device of `deviceType` with the given sector size and stack size under a

@@ -6,22 +6,18 @@
 #include <vector>
 
 #include "control/cbt_control.h"
+#include "control_request.h"
 #include "kvhost/io.h"
 #include "kvhost/pool.h"
 #include "probe_device.h"
 
 namespace {
 
+using kvtest::Pattern;
 using kvtest::ProbeDevice;
 using kvtest::ProbeReply;
 
 constexpr ULONG kBufferedQuestion = CTL_CODE(FILE_DEVICE_DISK, 0x900, METHOD_BUFFERED, FILE_ANY_ACCESS);
-
-std::vector<uint8_t> Bytes(size_t count, uint8_t first) {
-  std::vector<uint8_t> bytes(count);
-  for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<uint8_t>(first + i);
-  return bytes;
-}
 
 TEST(SendDeviceControl, RefusesEveryMethodButBufferedWithoutSendingOrAllocating) {
   ProbeDevice target;
@@ -40,8 +36,8 @@ TEST(SendDeviceControl, RefusesEveryMethodButBufferedWithoutSendingOrAllocating)
 
 TEST(SendDeviceControl, OneBufferOfTheLargerSizeCarriesTheInputDownAndTheWholeOutputBack) {
   ProbeDevice target(512, 4096, /*stackSize=*/3);
-  const std::vector<uint8_t> input = Bytes(12, 0x10);
-  const std::vector<uint8_t> answer = Bytes(32, 0xA0);
+  const std::vector<uint8_t> input = Pattern(12, 0x10);
+  const std::vector<uint8_t> answer = Pattern(32, 0xA0);
   // The target reports only 4 bytes, but the caller's whole output is refreshed from the
   // shared buffer.
   target.QueueReply(ProbeReply{STATUS_SUCCESS, 4, answer});
@@ -75,7 +71,7 @@ TEST(SendDeviceControl, OneBufferOfTheLargerSizeCarriesTheInputDownAndTheWholeOu
 
 TEST(SendDeviceControl, InputLongerThanOutputSizesTheBufferByTheInput) {
   ProbeDevice target;
-  const std::vector<uint8_t> input = Bytes(40, 1);
+  const std::vector<uint8_t> input = Pattern(40, 1);
   uint8_t output[8] = {};
   IO_STATUS_BLOCK iosb{};
   ASSERT_EQ(CbtSendDeviceControl(target.Device(), kBufferedQuestion, const_cast<uint8_t*>(input.data()), 40, output,
@@ -102,7 +98,7 @@ TEST(SendDeviceControl, WithoutLengthsTheRequestCarriesNoBufferAndTheOutputIsNot
 
 TEST(SendDeviceControl, AFailedAnswerIsStillCopiedBack) {
   ProbeDevice target;
-  const std::vector<uint8_t> answer = Bytes(16, 0x40);
+  const std::vector<uint8_t> answer = Pattern(16, 0x40);
   target.QueueReply(ProbeReply{STATUS_INVALID_DEVICE_STATE, 0, answer});
   std::vector<uint8_t> output(16, 0);
   IO_STATUS_BLOCK iosb{};
@@ -114,7 +110,7 @@ TEST(SendDeviceControl, AFailedAnswerIsStillCopiedBack) {
 
 TEST(SendDeviceControl, APendingTargetIsWaitedForAndItsFinalStatusReturned) {
   ProbeDevice target;
-  const std::vector<uint8_t> answer = Bytes(8, 0x70);
+  const std::vector<uint8_t> answer = Pattern(8, 0x70);
   target.QueueReply(ProbeReply{STATUS_DEVICE_BUSY, 8, answer, /*Pend=*/true});
   target.QueueReply(ProbeReply{STATUS_SUCCESS, 8, answer, /*Pend=*/true});
   std::vector<uint8_t> output(8, 0);
@@ -130,8 +126,8 @@ TEST(SendDeviceControl, APendingTargetIsWaitedForAndItsFinalStatusReturned) {
 
 TEST(SendDeviceControl, EachAllocationThatFailsEndsInInsufficientResourcesWithNothingSent) {
   ProbeDevice target;
-  target.SetDefaultReply(ProbeReply{STATUS_SUCCESS, 32, Bytes(32, 1)});
-  const std::vector<uint8_t> input = Bytes(12, 9);
+  target.SetDefaultReply(ProbeReply{STATUS_SUCCESS, 32, Pattern(32, 1)});
+  const std::vector<uint8_t> input = Pattern(12, 9);
   const unsigned long long attempts = kvhost::ForEachAllocationFailure([&](unsigned long long k) {
     std::vector<uint8_t> output(32, 0);
     IO_STATUS_BLOCK iosb{};

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "kvhost/object.h"
 #include "kvtestbed/machine.h"
 #include "kvtestbed/test_filter.h"
 

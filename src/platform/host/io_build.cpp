@@ -41,6 +41,15 @@ PIRP NewRequest(PDEVICE_OBJECT device, IrpOrigin origin, void* caller) {
   return irp;
 }
 
+NTSTATUS SignalForwardedIrp(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+  UNREFERENCED_PARAMETER(DeviceObject);
+  UNREFERENCED_PARAMETER(Irp);
+  KeSetEvent(static_cast<PKEVENT>(Context), IO_NO_INCREMENT, FALSE);
+  return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+}  // namespace
+
 PIRP BuildFsdRequest(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length, PLARGE_INTEGER offset,
                      PIO_STATUS_BLOCK iosb, IrpOrigin origin, void* caller) {
   PIRP irp = NewRequest(device, origin, caller);
@@ -68,14 +77,6 @@ PIRP BuildFsdRequest(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG len
   return irp;
 }
 
-NTSTATUS SignalForwardedIrp(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
-  UNREFERENCED_PARAMETER(DeviceObject);
-  UNREFERENCED_PARAMETER(Irp);
-  KeSetEvent(static_cast<PKEVENT>(Context), IO_NO_INCREMENT, FALSE);
-  return STATUS_MORE_PROCESSING_REQUIRED;
-}
-
-}  // namespace
 }  // namespace kvhost::io
 
 using namespace kvhost::io;

@@ -1,21 +1,24 @@
-// Opening a device by name: symbolic links, file objects on devices, and the create,
-// cleanup and close requests that opening and releasing them send down the device's stack.
+// Opening a device or a file by name: symbolic links and the resolution of names through
+// the object namespace, the life of a file object (IRP_MJ_CLEANUP when its last handle is
+// closed, IRP_MJ_CLOSE when its last reference goes), and the requests the I/O manager
+// builds about an open file.
 //
-// IoGetDeviceObjectPointer does what Windows does through ZwOpenFile: IRP_MJ_CREATE to the
-// top of the named device's stack, then (the handle being closed at once) IRP_MJ_CLEANUP;
-// IRP_MJ_CLOSE follows when the last reference to the file object goes.
+// IoGetDeviceObjectPointer does what Windows does: ZwOpenFile of the name, a reference to
+// the file object, ZwClose of the handle (the cleanup); the close follows when the caller
+// drops the last reference.
 #include <cstring>
 
-#include "io_internal.h"
 #include "kvhost/object.h"
 #include "kvhost/verifier.h"
+#include "zw_file_internal.h"
 
 namespace kvhost::io {
 namespace {
 
-constexpr ULONG kFileOpenDisposition = 0x00000001;  // FILE_OPEN
-constexpr ULONG kFileNonDirectoryFile = 0x00000040;
 constexpr int kMaxLinkDepth = 16;
+// Windows allocates cleanup and close requests so that they cannot fail; an injected pool
+// failure here is retried, as its must-succeed allocation would wait for memory.
+constexpr int kLifecycleRequestAttempts = 64;
 
 // A symbolic link object: its body holds the target's full name.
 struct SymbolicLinkBody {
@@ -34,63 +37,121 @@ WString NormalizeLinkName(WString name) {
   return name;
 }
 
-// The object a name leads to after following symbolic links, referenced; null when none.
-PVOID LookupFollowingLinks(WString name) {
-  for (int depth = 0; depth < kMaxLinkDepth; ++depth) {
-    PVOID object = kvhost::ObLookupObjectByName(NormalizeLinkName(name));
-    if (object == nullptr || kvhost::ObGetObjectType(object) != SymbolicLinkType()) return object;
-    auto* link = static_cast<SymbolicLinkBody*>(object);
-    name.assign(link->Target, link->Length);
-    ObDereferenceObject(object);
+// Sends IRP_MJ_CLEANUP or IRP_MJ_CLOSE for `file` to the stack that serves it and waits.
+void SendLifecycleRequest(PFILE_OBJECT file, UCHAR major) {
+  PDEVICE_OBJECT target = IoGetRelatedDeviceObject(file);
+  PIRP irp = nullptr;
+  for (int attempt = 0; irp == nullptr && attempt < kLifecycleRequestAttempts; ++attempt)
+    irp = AllocateFileRequest(file, target, major, __builtin_return_address(0));
+  if (irp == nullptr) {
+    ReportViolationF("FileRequestLost", "%s of file object %p could not be allocated; %s never sees it",
+                     MajorFunctionName(major), static_cast<void*>(file), DescribeDevice(target).c_str());
+    return;
   }
-  return nullptr;
+  if (major == IRP_MJ_CLOSE) irp->Flags |= IRP_CLOSE_OPERATION;
+  IO_STATUS_BLOCK iosb{};
+  CallFileRequest(target, irp, &iosb);
 }
 
-// Sends a create, cleanup or close request for `file` to `target` and waits for it.
-NTSTATUS SendFileRequest(PFILE_OBJECT file, PDEVICE_OBJECT target, UCHAR major, ACCESS_MASK access) {
-  PIRP irp = AllocateIrp(target->StackSize, IrpOrigin::Built, __builtin_return_address(0));
-  if (irp == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
-  KEVENT event;
-  KeInitializeEvent(&event, NotificationEvent, FALSE);
-  IO_STATUS_BLOCK iosb{};
-  IO_SECURITY_CONTEXT security{};
-  security.DesiredAccess = access;
-  irp->UserEvent = &event;
-  irp->UserIosb = &iosb;
-  irp->RequestorMode = KernelMode;
-  irp->Flags = IRP_SYNCHRONOUS_API | (major == IRP_MJ_CREATE ? IRP_CREATE_OPERATION : 0) |
-               (major == IRP_MJ_CLOSE ? IRP_CLOSE_OPERATION : 0);
-  irp->Tail.Overlay.Thread = PsGetCurrentThread();
-  irp->Tail.Overlay.OriginalFileObject = file;
-  PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
-  sp->MajorFunction = major;
-  sp->FileObject = file;
-  if (major == IRP_MJ_CREATE) {
-    sp->Parameters.Create.SecurityContext = &security;
-    sp->Parameters.Create.Options = (kFileOpenDisposition << 24) | kFileNonDirectoryFile;
-  }
-  NTSTATUS status = IoCallDriver(target, irp);
-  if (status == STATUS_PENDING) {
-    KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
-    status = iosb.Status;
-  }
-  return status;
+// The last handle to a file object is closed: the file system cleans the open up.
+void CloseFileObjectHandle(PVOID body, ULONG handlesLeft) {
+  auto* file = static_cast<PFILE_OBJECT>(body);
+  if (handlesLeft != 0 || !(file->Flags & FO_FILE_OPEN) || (file->Flags & FO_CLEANUP_COMPLETE)) return;
+  SendLifecycleRequest(file, IRP_MJ_CLEANUP);
+  file->Flags |= FO_CLEANUP_COMPLETE;
 }
 
 // The last reference to a file object: an open file is closed on the stack that serves it.
 void DeleteFileObject(PVOID body) {
   auto* file = static_cast<PFILE_OBJECT>(body);
   if (file->DeviceObject == nullptr) return;
-  if (file->Flags & FO_FILE_OPEN) SendFileRequest(file, IoGetRelatedDeviceObject(file), IRP_MJ_CLOSE, 0);
+  if ((file->Flags & FO_FILE_OPEN) && !(file->Flags & FO_CLEANUP_COMPLETE)) {
+    SendLifecycleRequest(file, IRP_MJ_CLEANUP);  // opened, but no handle ever held it
+    file->Flags |= FO_CLEANUP_COMPLETE;
+  }
+  if (file->Flags & FO_FILE_OPEN) SendLifecycleRequest(file, IRP_MJ_CLOSE);
+  if (file->RelatedFileObject != nullptr) ObDereferenceObject(file->RelatedFileObject);
   ObDereferenceObject(file->DeviceObject);
 }
 
 const bool kTypeRegistered = [] {
+  (*IoFileObjectType)->CloseProcedure = CloseFileObjectHandle;
   (*IoFileObjectType)->DeleteProcedure = DeleteFileObject;
   return true;
 }();
 
+size_t CountSeparators(const WString& name) {
+  size_t count = 0;
+  for (char16_t c : name) count += c == u'\\';
+  return count;
+}
+
 }  // namespace
+
+ResolvedName ResolveObjectName(std::u16string_view input) {
+  ResolvedName out;
+  WString name = NormalizeLinkName(WString(input));
+  for (int depth = 0; depth < kMaxLinkDepth; ++depth) {
+    if (name.empty() || name[0] != u'\\') {
+      out.Status = STATUS_OBJECT_PATH_SYNTAX_BAD;
+      return out;
+    }
+    // The object manager walks the path from the root: the first object found on it is a
+    // link to follow or the object whose parse procedure takes the rest of the name.
+    bool followedLink = false;
+    for (size_t end = name.find(u'\\', 1);; end = name.find(u'\\', end + 1)) {
+      const size_t prefixEnd = end == WString::npos ? name.size() : end;
+      PVOID object = ObLookupObjectByName(std::u16string_view(name).substr(0, prefixEnd));
+      if (object != nullptr && ObGetObjectType(object) == SymbolicLinkType()) {
+        auto* link = static_cast<SymbolicLinkBody*>(object);
+        WString target(link->Target, link->Length);
+        ObDereferenceObject(object);
+        name = NormalizeLinkName(target + name.substr(prefixEnd));
+        followedLink = true;
+        break;
+      }
+      if (object != nullptr) {
+        out.Object = object;
+        out.Remaining = name.substr(prefixEnd);
+        return out;
+      }
+      if (end == WString::npos) break;
+    }
+    if (!followedLink) {
+      // Nothing on the path exists: below a top-level directory ("\Device\X", "\??\D:")
+      // the name itself is missing, deeper a directory on the way is.
+      out.Status = CountSeparators(name) <= 2 ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
+      return out;
+    }
+  }
+  out.Status = STATUS_OBJECT_NAME_NOT_FOUND;  // links that lead to each other
+  return out;
+}
+
+PIRP AllocateFileRequest(PFILE_OBJECT file, PDEVICE_OBJECT target, UCHAR major, void* site) {
+  PIRP irp = AllocateIrp(target->StackSize, IrpOrigin::Built, site);
+  if (irp == nullptr) return nullptr;
+  irp->RequestorMode = KernelMode;
+  irp->Flags = IRP_SYNCHRONOUS_API;
+  irp->Tail.Overlay.Thread = PsGetCurrentThread();
+  irp->Tail.Overlay.OriginalFileObject = file;
+  PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
+  sp->MajorFunction = major;
+  sp->FileObject = file;
+  return irp;
+}
+
+NTSTATUS CallFileRequest(PDEVICE_OBJECT target, PIRP irp, PIO_STATUS_BLOCK iosb) {
+  KEVENT done;
+  KeInitializeEvent(&done, NotificationEvent, FALSE);
+  iosb->Status = STATUS_PENDING;
+  iosb->Information = 0;
+  irp->UserEvent = &done;
+  irp->UserIosb = iosb;
+  if (IoCallDriver(target, irp) == STATUS_PENDING) KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+  return iosb->Status;
+}
+
 }  // namespace kvhost::io
 
 using namespace kvhost::io;
@@ -135,42 +196,20 @@ NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK Desire
   if (KeGetCurrentIrql() != PASSIVE_LEVEL)
     kvhost::ReportViolationF("IoGetDeviceObjectPointerIrql", "IoGetDeviceObjectPointer of \"%s\" at IRQL %d",
                              kvhost::ToUtf8(ObjectName).c_str(), KeGetCurrentIrql());
-  PVOID object = LookupFollowingLinks(kvhost::ToWString(ObjectName));
-  if (object == nullptr) return STATUS_OBJECT_NAME_NOT_FOUND;
-  if (kvhost::ObGetObjectType(object) != *IoDeviceObjectType) {
-    ObDereferenceObject(object);
-    return STATUS_OBJECT_TYPE_MISMATCH;
-  }
-  auto* device = static_cast<PDEVICE_OBJECT>(object);
-  if (device->DeviceObjectExtension->DeletePending || (device->Flags & DO_DEVICE_INITIALIZING)) {
-    ObDereferenceObject(device);
-    return STATUS_NO_SUCH_DEVICE;
-  }
-  auto* file = static_cast<PFILE_OBJECT>(kvhost::ObCreateObject(*IoFileObjectType, sizeof(FILE_OBJECT)));
-  if (file == nullptr) {
-    ObDereferenceObject(device);
-    return STATUS_INSUFFICIENT_RESOURCES;
-  }
-  file->Type = IO_TYPE_FILE;
-  file->Size = sizeof(FILE_OBJECT);
-  file->DeviceObject = device;  // takes over the lookup's reference
-  file->ReadAccess = (DesiredAccess & (FILE_READ_DATA | GENERIC_READ)) != 0;
-  file->WriteAccess = (DesiredAccess & (FILE_WRITE_DATA | FILE_APPEND_DATA | GENERIC_WRITE)) != 0;
-  KeInitializeEvent(&file->Lock, SynchronizationEvent, FALSE);
-  KeInitializeEvent(&file->Event, NotificationEvent, FALSE);
-  InitializeListHead(&file->IrpList);
-
-  PDEVICE_OBJECT top = IoGetRelatedDeviceObject(file);
-  NTSTATUS status = SendFileRequest(file, top, IRP_MJ_CREATE, DesiredAccess);
-  if (!NT_SUCCESS(status)) {
-    ObDereferenceObject(file);  // never opened: no close goes down
-    return status;
-  }
-  file->Flags |= FO_FILE_OPEN;
-  SendFileRequest(file, top, IRP_MJ_CLEANUP, 0);
-  file->Flags |= FO_CLEANUP_COMPLETE;
+  OpenParameters open;
+  open.DesiredAccess = DesiredAccess;
+  open.ObjectAttributes = OBJ_KERNEL_HANDLE;
+  open.Disposition = FILE_OPEN;
+  open.Options = FILE_NON_DIRECTORY_FILE;
+  PFILE_OBJECT file = nullptr;
+  IO_STATUS_BLOCK iosb{};
+  NTSTATUS status =
+      OpenFileObject(kvhost::ToWString(ObjectName), nullptr, open, &file, &iosb, __builtin_return_address(0));
+  if (!NT_SUCCESS(status)) return status;
+  // The handle Windows opens and closes again here: its close is the file's cleanup.
+  kvhost::ObCloseHandle(kvhost::ObCreateHandle(file, DesiredAccess));
   *FileObject = file;
-  *DeviceObject = top;
+  *DeviceObject = IoGetRelatedDeviceObject(file);
   return STATUS_SUCCESS;
 }
 

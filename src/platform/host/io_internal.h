@@ -20,6 +20,9 @@ struct _DEVOBJ_EXTENSION {
   PDEVICE_OBJECT AttachedTo;  // the device this one is attached above, or NULL
   BOOLEAN DeletePending;      // IoDeleteDevice was called
   BOOLEAN Physical;           // a physical device object declared by the machine
+  // The volume parameter block of a device that can carry a file system (disk, CD-ROM,
+  // tape, virtual disk): DEVICE_OBJECT.Vpb points here. It lives as long as the device.
+  VPB Vpb;
 };
 
 namespace kvhost::io {
@@ -144,6 +147,13 @@ constexpr uint64_t kIrpMagic = 0x5052494854534F48ULL;  // "HOSTHIRP"
 IrpHeader* CheckedHeader(PIRP irp, const char* routine, const char* freedCheck = "IrpUseAfterFree");
 
 PIRP AllocateIrp(CCHAR stackSize, IrpOrigin origin, void* caller);
+
+// A read, write, flush or other request built for `device` (io_build.cpp): reads and writes
+// carry the buffer as the device's I/O method wants it (system buffer, locked MDL or user
+// buffer); null when an allocation fails.
+PIRP BuildFsdRequest(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length, PLARGE_INTEGER offset,
+                     PIO_STATUS_BLOCK iosb, IrpOrigin origin, void* caller);
+
 // Takes the IRP out of the live table and releases its memory once no host frame pins it.
 // Reports (and returns false) when it is not a live IRP.
 bool FreeIrp(PIRP irp, const char* routine);

@@ -23,6 +23,7 @@
 #include <ntifs.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -90,6 +91,9 @@ struct CreateRequest {
   bool CaseSensitive = false;
   // Self-relative descriptor for a new file; empty gives the file system's default.
   std::vector<uint8_t> SecurityDescriptor;
+  // Called with the file that is there, once found and before the disposition changes it
+  // (share access, delete pending): a failure ends the create with that status.
+  std::function<NTSTATUS(FileId)> AdmitExisting;
 };
 
 struct CreateResult {
@@ -97,9 +101,9 @@ struct CreateResult {
   ULONG_PTR Information = FILE_OPENED;  // FILE_CREATED, FILE_SUPERSEDED, FILE_OVERWRITTEN
 };
 
-// A file system the machine mounts on a volume. Calls are serialised per volume by the
-// driver: a FileSystem needs no lock of its own against them (test knobs that a provider
-// offers besides this interface take its own lock).
+// A file system the machine mounts on a volume. Calls come from whichever threads open and
+// use files, several at a time: a FileSystem serialises them itself. It may hold its own
+// lock across its sector I/O; the driver calls it without holding any lock of its own.
 class FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -110,6 +114,9 @@ class FileSystem {
   // the FileSystem may be mounted again later.
   virtual NTSTATUS Mount(VolumeIo& volume) = 0;
   virtual void Dismount() = 0;
+  // Power loss: forget the volume and everything held for it in memory, without any I/O
+  // (the VolumeIo is gone). The FileSystem may be mounted again after the next boot.
+  virtual void Abandon() = 0;
   virtual VolumeInfo QueryVolume() = 0;
 
   // Opens or creates by path, honouring the disposition and FILE_DIRECTORY_FILE /

@@ -194,6 +194,7 @@ class Machine {
 
  private:
   void InstallRegistry();
+  Volume& Connect(std::unique_ptr<Volume> volume);
   void PowerOn();
   void PowerOff();
   void LoadBootDrivers();
