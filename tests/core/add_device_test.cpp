@@ -71,8 +71,8 @@ TEST_F(CbtDriverTest, AFixedVolumeGetsAnAttachedFilterInItsStartingState) {
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
   ASSERT_GE(records.size(), 1u);
   EXPECT_STREQ(records[0].Text, "CbtAddDevice");
-  EXPECT_EQ(records[0].VolumeNumber, 12u);
-  EXPECT_EQ(records[0].DeviceFlags, 0u);
+  EXPECT_EQ(+records[0].VolumeNumber, 12u);
+  EXPECT_EQ(+records[0].DeviceFlags, 0u);
 }
 
 TEST_F(CbtDriverTest, AShadowCopyIsMarkedAsOneWithItsGptAttributes) {
@@ -84,7 +84,7 @@ TEST_F(CbtDriverTest, AShadowCopyIsMarkedAsOneWithItsGptAttributes) {
   EXPECT_EQ(copy.Extension()->Flags, ULONG{CBT_FLAG_SNAPSHOT_DEVICE | CBT_FLAG_TRACKING_VALID});
   EXPECT_EQ(copy.Extension()->GptAttributes, 0x3000000000000000ull);
   EXPECT_EQ(copy.Extension()->VolumeNumber, 7u);
-  EXPECT_EQ(Records()[0].DeviceFlags, ULONG{CBT_FLAG_SNAPSHOT_DEVICE});
+  EXPECT_EQ(+Records()[0].DeviceFlags, ULONG{CBT_FLAG_SNAPSHOT_DEVICE});
 }
 
 struct DeclinedCase {
@@ -110,9 +110,9 @@ TEST_P(DeclinedTest, GetsNoFilter) {
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
   ASSERT_FALSE(records.empty());
   EXPECT_STREQ(records.front().Text, "CbtAddDevice");
-  EXPECT_EQ(records.front().Status, static_cast<ULONG>(c.Status));
-  EXPECT_EQ(records.front().DeviceFlags, c.Flags);
-  EXPECT_EQ(records.front().VolumeNumber, c.VolumeNumber);
+  EXPECT_EQ(+records.front().Status, static_cast<ULONG>(c.Status));
+  EXPECT_EQ(+records.front().DeviceFlags, c.Flags);
+  EXPECT_EQ(+records.front().VolumeNumber, c.VolumeNumber);
 }
 
 VolumeSpec WithClass(VolumeSpec spec, const GUID* cls, DEVICE_TYPE type) {

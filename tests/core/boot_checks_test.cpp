@@ -72,8 +72,8 @@ TEST_P(FilterListTest, IsRecordedAsOneLine) {
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(std::string(records[0].Text), c.Text);
-  EXPECT_EQ(records[0].Status, static_cast<ULONG>(c.Status));
-  EXPECT_EQ(records[0].Line, 77u);
+  EXPECT_EQ(+records[0].Status, static_cast<ULONG>(c.Status));
+  EXPECT_EQ(+records[0].Line, 77u);
 }
 
 const std::u16string kTwoNames(u"volsnap\0fvevol\0\0", 16);

@@ -58,20 +58,20 @@ TEST_F(CbtDriverTest, LoadPrintsTheBannerAndQueuesTheLoadRecordsInOrder) {
   for (size_t i = 0; i < records.size(); ++i) {
     SCOPED_TRACE(expected[i].Text);
     EXPECT_STREQ(records[i].Text, expected[i].Text);
-    EXPECT_EQ(records[i].Status, expected[i].Status);
-    EXPECT_EQ(records[i].DeviceFlags, 0u);
-    EXPECT_EQ(records[i].VolumeNumber, 0u);
-    EXPECT_EQ(records[i].DriveLetter, u'?');
-    EXPECT_EQ(records[i].SystemTime, static_cast<CBT_U64>(kvhost::SystemTimeFromUnixSeconds(1700000000)));
-    EXPECT_EQ(records[i].ThreadId, static_cast<CBT_U32>(reinterpret_cast<ULONG_PTR>(PsGetCurrentThreadId())));
+    EXPECT_EQ(+records[i].Status, expected[i].Status);
+    EXPECT_EQ(+records[i].DeviceFlags, 0u);
+    EXPECT_EQ(+records[i].VolumeNumber, 0u);
+    EXPECT_EQ(+records[i].DriveLetter, u'?');
+    EXPECT_EQ(+records[i].SystemTime, static_cast<CBT_U64>(kvhost::SystemTimeFromUnixSeconds(1700000000)));
+    EXPECT_EQ(+records[i].ThreadId, static_cast<CBT_U32>(reinterpret_cast<ULONG_PTR>(PsGetCurrentThreadId())));
   }
-  EXPECT_EQ(records[0].Line, 1u);
-  EXPECT_EQ(records[5].Line, 5u);
-  EXPECT_EQ(records[6].Line, 6u);
+  EXPECT_EQ(+records[0].Line, 1u);
+  EXPECT_EQ(+records[5].Line, 5u);
+  EXPECT_EQ(+records[6].Line, 6u);
   // Each class-filter record carries its own call site.
-  EXPECT_NE(records[1].Line, records[2].Line);
-  EXPECT_NE(records[2].Line, records[3].Line);
-  EXPECT_NE(records[3].Line, records[4].Line);
+  EXPECT_NE(+records[1].Line, +records[2].Line);
+  EXPECT_NE(+records[2].Line, +records[3].Line);
+  EXPECT_NE(+records[3].Line, +records[4].Line);
 }
 
 TEST_F(CbtDriverTest, LoadKeepsAPrivateTerminatedCopyOfTheServiceKeyPath) {

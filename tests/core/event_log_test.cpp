@@ -35,11 +35,11 @@ TEST_F(EventLogTest, ARecordCarriesItsArgumentsAndAtMost62Characters) {
 
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
   ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(records[0].DeviceFlags, 0x40000004u);
-  EXPECT_EQ(records[0].VolumeNumber, 12u);
-  EXPECT_EQ(records[0].DriveLetter, u'D');
-  EXPECT_EQ(records[0].Line, 4321u);
-  EXPECT_EQ(records[0].Status, 0xC000009Au);
+  EXPECT_EQ(+records[0].DeviceFlags, 0x40000004u);
+  EXPECT_EQ(+records[0].VolumeNumber, 12u);
+  EXPECT_EQ(+records[0].DriveLetter, u'D');
+  EXPECT_EQ(+records[0].Line, 4321u);
+  EXPECT_EQ(+records[0].Status, 0xC000009Au);
   EXPECT_EQ(std::string(records[0].Text), sixtyTwo);
   EXPECT_EQ(std::string(records[1].Text), std::string(62, 'b')) << "cut after its 62nd character";
   const char zeros[CBT_LOG_TEXT_BYTES] = {};
@@ -53,11 +53,11 @@ TEST_F(EventLogTest, AtMost4096RecordsAreOutstanding) {
   EXPECT_EQ(CbtEventLog.QueuedCount, CBT_LOG_QUEUE_LIMIT);
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
   ASSERT_EQ(records.size(), size_t{CBT_LOG_QUEUE_LIMIT});
-  EXPECT_EQ(records.back().Status, 4095u) << "the refused record is dropped without trace";
+  EXPECT_EQ(+records.back().Status, 4095u) << "the refused record is dropped without trace";
 
   CBT_LOG_RECORD_BODY oldest;
   ASSERT_EQ(CbtDrainQueuedLogRecords(&oldest, 1), 1u);
-  EXPECT_EQ(oldest.Status, 0u);
+  EXPECT_EQ(+oldest.Status, 0u);
   EXPECT_EQ(CBT_LOG_DRIVER("CbtTest", 4097), STATUS_SUCCESS) << "a drained place is taken again";
   EXPECT_EQ(CbtEventLog.QueuedCount, CBT_LOG_QUEUE_LIMIT);
 }
@@ -83,7 +83,7 @@ TEST_F(EventLogTest, ThreadsAtDispatchLevelEachQueueEveryRecordInTheirOrder) {
   std::vector<CBT_LOG_RECORD_BODY> records = Records();
   ASSERT_EQ(records.size(), size_t{kThreads * kPerThread});
   std::vector<ULONG> next(kThreads, 0);
-  for (const CBT_LOG_RECORD_BODY& record : records) EXPECT_EQ(record.Status, next[record.VolumeNumber]++);
+  for (const CBT_LOG_RECORD_BODY& record : records) EXPECT_EQ(+record.Status, next[record.VolumeNumber]++);
   EXPECT_EQ(CbtEventLog.QueuedCount, kThreads * kPerThread);
 }
 
