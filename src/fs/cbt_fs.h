@@ -11,7 +11,21 @@ struct _CBT_DEVICE_EXTENSION;
 // restart or checkpoint count; sets CBT_FLAG_FS_CONTEXT on success. PASSIVE_LEVEL.
 NTSTATUS CbtInitializeFileSystem(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension);
 
+// Drops the volume's reader, if it has one: under FileSystemMutex the reader that
+// FileSystemType names is torn down, FileSystemType becomes none and CBT_FLAG_FS_CONTEXT is
+// cleared. Every teardown goes through here, so that a write never finds a reader half
+// gone (the write path calls the reader under the same mutex). PASSIVE_LEVEL.
+VOID CbtUninitializeFileSystem(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension);
+
 // Tear a reader down. Callers hold the volume's FileSystemMutex and then set
 // FileSystemType to none and clear CBT_FLAG_FS_CONTEXT.
 VOID NtfsUninitialize(_Inout_ PNTFS_VOLUME_CONTEXT Context);
 VOID RefsUninitialize(_Inout_ PREFS_VOLUME_CONTEXT Context);
+
+// The write-side watch of the readers, called by the write path for each tracked write
+// while it holds FileSystemMutex. NTFS: TRUE with the restart count when the write's data
+// begins with a $LogFile restart page (whose clean-close flag it clears on the way to the
+// disk). ReFS: TRUE when Data, written at ByteOffset, replaces a checkpoint with one of
+// another count; the context then holds the new count.
+BOOLEAN NtfsIsLogFileRestartCountIrp(_Inout_ PNTFS_VOLUME_CONTEXT Context, _Inout_ PIRP Irp, _Out_ PULONG Count);
+BOOLEAN RefsIsWriteToCheckpoint(_Inout_ PREFS_VOLUME_CONTEXT Context, _In_ PVOID Data, _In_ ULONGLONG ByteOffset);
