@@ -1,7 +1,7 @@
 // The ReFS checkpoint reader.
 //
-// Seam: ReFS is not read yet, so the probe recognises no volume, and no ReFS context is ever
-// initialised to tear down.
+// Seam: ReFS is not read yet, so the probe recognises no volume, no ReFS context is ever
+// initialised to tear down, and no write is taken for a checkpoint.
 #include "fs/cbt_fs.h"
 
 NTSTATUS RefsInitialize(PDEVICE_OBJECT Device, ULONG Flags, ULONG VolumeNumber, WCHAR DriveLetter,
@@ -15,3 +15,10 @@ NTSTATUS RefsInitialize(PDEVICE_OBJECT Device, ULONG Flags, ULONG VolumeNumber, 
 }
 
 VOID RefsUninitialize(PREFS_VOLUME_CONTEXT Context) { UNREFERENCED_PARAMETER(Context); }
+
+BOOLEAN RefsIsWriteToCheckpoint(PREFS_VOLUME_CONTEXT Context, PVOID Data, ULONGLONG ByteOffset) {
+  UNREFERENCED_PARAMETER(Context);
+  UNREFERENCED_PARAMETER(Data);
+  UNREFERENCED_PARAMETER(ByteOffset);
+  return FALSE;
+}
