@@ -25,7 +25,7 @@ namespace {
 
 // Bumped whenever what the fixtures put into an image changes, so that a build tree does
 // not keep using images made the old way.
-constexpr int kFixtureVersion = 1;
+constexpr int kFixtureVersion = 2;
 constexpr size_t kPieceBytes = 64 * 1024;
 
 std::string FixtureDirectory() {
@@ -202,6 +202,17 @@ LogFileLayout ReadLogFileLayout(const std::string& path) {
   layout.Size = size;
   for (int i = 0; i < count; ++i) layout.Runs.push_back({runs[i].vcn, runs[i].lcn, runs[i].clusters});
   return layout;
+}
+
+std::vector<uint8_t> DataMappingPairs(const std::string& path, uint64_t record) {
+  std::vector<uint8_t> pairs(64 * 1024);
+  const int size = kvfs_data_mapping_pairs(path.c_str(), record, pairs.data(), static_cast<int>(pairs.size()));
+  if (size < 0) {
+    ADD_FAILURE() << "libntfs-3g cannot encode the runs of record " << record << " of " << path;
+    return {};
+  }
+  pairs.resize(static_cast<size_t>(size));
+  return pairs;
 }
 
 std::vector<uint8_t> BuildRestartPage(const RestartPage& page) {

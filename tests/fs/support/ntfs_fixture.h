@@ -64,6 +64,9 @@ struct LogFileLayout {
 };
 LogFileLayout ReadLogFileLayout(const std::string& path);
 
+// The mapping pairs of file record `record`'s unnamed $DATA, as libntfs-3g encodes them.
+std::vector<uint8_t> DataMappingPairs(const std::string& path, uint64_t record);
+
 // One restart page of 4096 bytes.
 struct RestartPage {
   uint32_t Count = 0;

@@ -37,6 +37,10 @@ struct kvfs_run {
 int kvfs_log_file_runs(const char* path, struct kvfs_run* runs, int maxRuns, uint32_t* clusterSize,
                        int64_t* dataSize);
 
+/* The mapping pairs of the unnamed $DATA of file record `inode`, encoded by libntfs-3g into
+ * `pairs` (at most maxBytes, with the terminating zero). Their length, or -errno. */
+int kvfs_data_mapping_pairs(const char* path, uint64_t inode, uint8_t* pairs, int maxBytes);
+
 /* Fills the 4096 bytes at `page` with a restart page: the signature ("RSTR" or "CHKD"), a
  * restart area at areaOffset with the count, the current LSN and the flags, one log client;
  * protected by its update sequence array. 0 or -1. */
