@@ -4,6 +4,8 @@
 // volume gets a file system and unloaded when no volume and no mount is left.
 #include <ioevent.h>
 
+#include <wdmguid.h>
+
 #include <cstring>
 
 #include "file_system_internal.h"
@@ -21,6 +23,35 @@ NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0) {
   irp->IoStatus.Information = information;
   IoCompleteRequest(irp, IO_NO_INCREMENT);
   return status;
+}
+
+// The work item keeps the mount's device object; the volume device is raised on only while
+// that mount is still on it, so a volume taken away meanwhile is not held or told.
+void AnnounceMountNow(PVOID volumeDevice, PVOID context, PIO_WORKITEM item) {
+  auto* realDevice = static_cast<PDEVICE_OBJECT>(context);
+  bool stillMounted = false;
+  {
+    std::lock_guard<std::mutex> guard(State().Lock);
+    auto it = State().Volumes.find(realDevice);
+    stillMounted = it != State().Volumes.end() && it->second.Mounted != nullptr &&
+                   it->second.Mounted->VolumeDevice == volumeDevice;
+    if (stillMounted) ObReferenceObject(realDevice);
+  }
+  IoFreeWorkItem(item);
+  if (!stillMounted) return;
+  NotifyVolumeEvent(realDevice, GUID_IO_VOLUME_MOUNT);
+  ObDereferenceObject(realDevice);
+}
+
+// A mount is announced from a system worker thread, as Windows reports it asynchronously:
+// the open that caused the mount may hold what the handlers of the announcement need.
+void AnnounceMount(PDEVICE_OBJECT volumeDevice, PDEVICE_OBJECT realDevice) {
+  PIO_WORKITEM item = IoAllocateWorkItem(volumeDevice);
+  if (item == nullptr) {
+    NotifyVolumeEvent(realDevice, GUID_IO_VOLUME_MOUNT);  // no room to defer it
+    return;
+  }
+  IoQueueWorkItemEx(item, AnnounceMountNow, DelayedWorkQueue, realDevice);
 }
 
 // IRP_MN_MOUNT_VOLUME: the volume is mounted when the machine gave it a file system and that
@@ -68,16 +99,18 @@ NTSTATUS MountRequest(PIRP irp) {
   std::memcpy(vpb->VolumeLabel, volume.Label.data(), labelChars * sizeof(WCHAR));
   vpb->VolumeLabelLength = static_cast<USHORT>(labelChars * sizeof(WCHAR));
   vpb->DeviceObject = volumeDevice;
-  // Marked here rather than only by the I/O manager afterwards: handlers of the mount
-  // notification below open files on the volume.
   vpb->Flags |= VPB_MOUNTED;
+  bool announce = true;
   {
     std::lock_guard<std::mutex> guard(State().Lock);
-    State().Volumes[realDevice].Mounted = mount;
+    AttachedVolume& volume = State().Volumes[realDevice];
+    volume.Mounted = mount;
+    announce = !volume.MountAnnouncedByCaller;
+    volume.MountAnnouncedByCaller = false;
     State().Mounts.insert(mount);
   }
   Complete(irp, STATUS_SUCCESS);
-  NotifyVolumeEvent(realDevice, GUID_IO_VOLUME_MOUNT);
+  if (announce) AnnounceMount(volumeDevice, realDevice);
   return STATUS_SUCCESS;
 }
 
@@ -135,6 +168,93 @@ NTSTATUS MachineFsEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
   }
   IoRegisterFileSystem(control);
   return STATUS_SUCCESS;
+}
+
+// The handle a file system keeps on the volume it watches (a direct device open, which does
+// not mount); null for a volume device without a name.
+PFILE_OBJECT OpenWatch(PDEVICE_OBJECT device) {
+  kvhost::WString name = kvhost::ObGetObjectName(device);
+  if (name.empty()) return nullptr;
+  UNICODE_STRING counted;
+  counted.Buffer = reinterpret_cast<PWCH>(name.data());
+  counted.Length = counted.MaximumLength = static_cast<USHORT>(name.size() * sizeof(WCHAR));
+  PFILE_OBJECT watch = nullptr;
+  PDEVICE_OBJECT top = nullptr;
+  return NT_SUCCESS(IoGetDeviceObjectPointer(&counted, FILE_READ_ATTRIBUTES, &watch, &top)) ? watch : nullptr;
+}
+
+// Query-remove, as Windows' file systems answer it: vetoed with STATUS_ACCESS_DENIED while a
+// file is open on the volume; otherwise the volume is dismounted and the watching handle
+// closed, so that nothing of the file system holds the stack. The attachment and the
+// registration stay for the outcome.
+NTSTATUS PrepareForRemoval(PDEVICE_OBJECT device) {
+  Mount* mount = nullptr;
+  std::shared_ptr<FileSystem> files;
+  PFILE_OBJECT watch = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(State().Lock);
+    auto it = State().Volumes.find(device);
+    if (it == State().Volumes.end()) return STATUS_SUCCESS;
+    AttachedVolume& volume = it->second;
+    if (volume.Mounted != nullptr) {
+      for (PFILE_OBJECT file : volume.Mounted->FileObjects)
+        if (!static_cast<Open*>(file->FsContext2)->CleanedUp) return STATUS_ACCESS_DENIED;
+      mount = volume.Mounted;
+      DetachMountLocked(mount);
+    }
+    files = volume.Files;
+    watch = volume.Watch;
+    volume.Watch = nullptr;
+  }
+  if (mount != nullptr) {
+    files->Dismount();
+    ReleaseMountIfDone(mount);
+  }
+  if (watch != nullptr) ObDereferenceObject(watch);
+  return STATUS_SUCCESS;
+}
+
+// The removal was called off: the volume is watched again; the next open mounts it.
+void ResumeAfterCancelledRemoval(PDEVICE_OBJECT device) {
+  {
+    std::lock_guard<std::mutex> guard(State().Lock);
+    auto it = State().Volumes.find(device);
+    if (it == State().Volumes.end() || it->second.Watch != nullptr) return;
+  }
+  PFILE_OBJECT watch = OpenWatch(device);
+  if (watch == nullptr) return;
+  {
+    std::lock_guard<std::mutex> guard(State().Lock);
+    auto it = State().Volumes.find(device);
+    if (it != State().Volumes.end() && it->second.Watch == nullptr) {
+      it->second.Watch = watch;
+      return;
+    }
+  }
+  ObDereferenceObject(watch);
+}
+
+// The volume's removal as its file system sees it. A surprise removal comes as
+// remove-complete alone: open files then fail from the dismount on, they are not waited for.
+NTSTATUS VolumeRemovalCallback(PVOID notification, PVOID context) {
+  auto* device = static_cast<PDEVICE_OBJECT>(context);
+  const GUID& event = static_cast<PPLUGPLAY_NOTIFICATION_HEADER>(notification)->Event;
+  if (IsEqualGUID(event, GUID_TARGET_DEVICE_QUERY_REMOVE)) return PrepareForRemoval(device);
+  if (IsEqualGUID(event, GUID_TARGET_DEVICE_REMOVE_CANCELLED)) ResumeAfterCancelledRemoval(device);
+  if (IsEqualGUID(event, GUID_TARGET_DEVICE_REMOVE_COMPLETE)) DetachFileSystem(device);
+  return STATUS_SUCCESS;
+}
+
+// Watches the volume's removal as Windows' file systems do: a target-device registration on
+// a file object of the volume device. A volume device without a name is not watched.
+void WatchVolume(PDEVICE_OBJECT device, PDRIVER_OBJECT driver, PFILE_OBJECT* watch, PVOID* registration) {
+  *watch = OpenWatch(device);
+  if (*watch == nullptr) return;
+  if (!NT_SUCCESS(IoRegisterPlugPlayNotification(EventCategoryTargetDeviceChange, 0, *watch, driver,
+                                                 VolumeRemovalCallback, device, registration))) {
+    ObDereferenceObject(*watch);
+    *watch = nullptr;
+  }
 }
 
 std::mutex& LoadLock() {
@@ -271,21 +391,42 @@ NTSTATUS AttachFileSystem(PDEVICE_OBJECT volume, std::shared_ptr<FileSystem> fil
   if (volume->Vpb == nullptr) return STATUS_INVALID_DEVICE_REQUEST;  // not a device that carries a volume
   NTSTATUS status = fs::EnsureDriverLoaded();
   if (!NT_SUCCESS(status)) return status;
+  PDRIVER_OBJECT driver = nullptr;
   {
     std::lock_guard<std::mutex> guard(State().Lock);
     if (State().Volumes.count(volume) != 0) return STATUS_OBJECT_NAME_COLLISION;
     State().Volumes[volume].Files = std::move(fileSystem);
+    driver = State().Driver;
   }
   // Held until DetachFileSystem: the volume device must not go while a file system uses it.
   ObReferenceObject(volume);
+  PFILE_OBJECT watch = nullptr;
+  PVOID registration = nullptr;
+  fs::WatchVolume(volume, driver, &watch, &registration);
+  std::lock_guard<std::mutex> guard(State().Lock);
+  State().Volumes[volume].Watch = watch;
+  State().Volumes[volume].Registration = registration;
   return STATUS_SUCCESS;
 }
 
-NTSTATUS MountVolume(PDEVICE_OBJECT volume) { return kvhost::IoMountVolume(volume); }
+NTSTATUS MountVolume(PDEVICE_OBJECT volume, MountAnnouncement announcement) {
+  {
+    std::lock_guard<std::mutex> guard(State().Lock);
+    auto it = State().Volumes.find(volume);
+    if (it != State().Volumes.end()) it->second.MountAnnouncedByCaller = announcement == MountAnnouncement::ByCaller;
+  }
+  NTSTATUS status = kvhost::IoMountVolume(volume);
+  std::lock_guard<std::mutex> guard(State().Lock);
+  auto it = State().Volumes.find(volume);
+  if (it != State().Volumes.end()) it->second.MountAnnouncedByCaller = false;
+  return status;
+}
 
 void DetachFileSystem(PDEVICE_OBJECT volume) {
   fs::Mount* mount = nullptr;
   std::shared_ptr<FileSystem> files;
+  PFILE_OBJECT watch = nullptr;
+  PVOID registration = nullptr;
   {
     std::lock_guard<std::mutex> guard(State().Lock);
     auto it = State().Volumes.find(volume);
@@ -293,9 +434,13 @@ void DetachFileSystem(PDEVICE_OBJECT volume) {
     mount = it->second.Mounted;
     if (mount != nullptr) fs::DetachMountLocked(mount);
     files = it->second.Files;
+    watch = it->second.Watch;
+    registration = it->second.Registration;
     State().Volumes.erase(it);
   }
   if (mount != nullptr) files->Dismount();
+  if (registration != nullptr) IoUnregisterPlugPlayNotification(registration);
+  if (watch != nullptr) ObDereferenceObject(watch);
   ObDereferenceObject(volume);
   if (mount != nullptr) fs::ReleaseMountIfDone(mount);
   fs::UnloadDriverIfIdle();

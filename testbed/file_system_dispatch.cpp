@@ -72,8 +72,10 @@ void RemoveShareLocked(OpenNode& node, const ShareRequest& r) {
 OpenNode* NodeLocked(Mount* mount, FileId id) {
   OpenNode*& node = mount->Nodes[id];
   if (node == nullptr) {
-    node = new OpenNode;
-    node->Id = id;
+    auto owned = std::make_unique<OpenNode>();
+    owned->Id = id;
+    node = owned.get();
+    mount->OwnedNodes.emplace(node, std::move(owned));
   }
   return node;
 }
@@ -82,7 +84,7 @@ void ReleaseNodeIfUnusedLocked(Mount* mount, OpenNode* node) {
   if (node->OpenCount != 0) return;
   auto it = mount->Nodes.find(node->Id);
   if (it != mount->Nodes.end() && it->second == node) mount->Nodes.erase(it);
-  delete node;
+  mount->OwnedNodes.erase(node);
 }
 
 // Admits an open of `node`: not while it is to be deleted, and only with compatible share
@@ -132,13 +134,14 @@ NTSTATUS CreateVolumeOpen(Mount* mount, PIRP irp, std::unique_ptr<Open> open, UL
   PFILE_OBJECT file = IoGetCurrentIrpStackLocation(irp)->FileObject;
   if (options & FILE_DIRECTORY_FILE) return Complete(irp, STATUS_NOT_A_DIRECTORY);
   if (disposition != FILE_OPEN && disposition != FILE_OPEN_IF) return Complete(irp, STATUS_INVALID_PARAMETER);
+  file->FsContext = mount;
+  file->FsContext2 = open.get();
+  file->Flags |= FO_VOLUME_OPEN;
   {
     std::lock_guard<std::mutex> guard(State().Lock);
     mount->FileObjects.insert(file);
+    mount->OwnedOpens.emplace(open.get(), std::move(open));
   }
-  file->FsContext = mount;
-  file->FsContext2 = open.release();
-  file->Flags |= FO_VOLUME_OPEN;
   return Complete(irp, STATUS_SUCCESS, FILE_OPENED);
 }
 
@@ -212,10 +215,11 @@ NTSTATUS Create(Mount* mount, PIRP irp) {
   file->SharedWrite = open->Share.SharedWrite;
   file->SharedDelete = open->Share.SharedDelete;
   file->FsContext = admitted;
-  file->FsContext2 = open.release();
+  file->FsContext2 = open.get();
   {
     std::lock_guard<std::mutex> guard(State().Lock);
     mount->FileObjects.insert(file);
+    mount->OwnedOpens.emplace(open.get(), std::move(open));
   }
   return Complete(irp, STATUS_SUCCESS, result.Information);
 }
@@ -263,6 +267,8 @@ NTSTATUS Close(PIRP irp) {
   PFILE_OBJECT file = IoGetCurrentIrpStackLocation(irp)->FileObject;
   Open* open = OpenOf(file);
   Mount* mount = open->Owner;
+  file->FsContext = nullptr;
+  file->FsContext2 = nullptr;
   {
     std::lock_guard<std::mutex> guard(State().Lock);
     mount->FileObjects.erase(file);
@@ -270,10 +276,8 @@ NTSTATUS Close(PIRP irp) {
       node->OpenCount--;
       ReleaseNodeIfUnusedLocked(mount, node);
     }
+    mount->OwnedOpens.erase(open);
   }
-  file->FsContext = nullptr;
-  file->FsContext2 = nullptr;
-  delete open;
   Complete(irp, STATUS_SUCCESS);
   ReleaseMountIfDone(mount);
   return STATUS_SUCCESS;

@@ -83,9 +83,12 @@ struct Mount {
   // Files opened before a dismount keep reaching this mount through a VPB of their own
   // while the volume's VPB is free for the next mount.
   VPB DismountedVpb{};
-  // The files that are open, by id; a node lives until its last file object closes (a
-  // deleted file's node leaves this map at its deletion).
+  // The files that are open, by id (a deleted file's node leaves this map at its deletion);
+  // a node lives until its last file object closes, an open until its file object closes.
+  // The mount owns both, so that a power loss frees them with it.
   std::map<FileId, OpenNode*> Nodes;
+  std::map<OpenNode*, std::unique_ptr<OpenNode>> OwnedNodes;
+  std::map<Open*, std::unique_ptr<Open>> OwnedOpens;
   std::set<PFILE_OBJECT> FileObjects;  // opened here, not yet closed
   PFILE_OBJECT LockedBy = nullptr;
 };
@@ -101,6 +104,13 @@ struct AttachedVolume {
   std::shared_ptr<FileSystem> Files;
   std::vector<Refusal> Refusals;
   Mount* Mounted = nullptr;
+  // The driver watches the volume's removal as Windows' file systems do: a target-device
+  // registration on a file object of the volume device. The file object is closed while a
+  // removal is pending.
+  PFILE_OBJECT Watch = nullptr;
+  PVOID Registration = nullptr;
+  // The next mount is announced by whoever asked for it (the machine), not by the driver.
+  bool MountAnnouncedByCaller = false;
 };
 
 struct DriverState {

@@ -1,6 +1,7 @@
 // Attaching a filter device above each fixed-disk volume and each volume shadow copy.
+#include <devguid.h>
+
 #include "driver/cbt_add_device.h"
-#include "driver/cbt_device_classes.h"
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_removal_protection.h"
 #include "driver/cbt_session_id.h"

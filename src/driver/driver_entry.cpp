@@ -1,9 +1,10 @@
 // Driver entry and unload: the driver-wide state every volume filter shares.
+#include <devguid.h>
+#include <ntddstor.h>
 #include <ntstrsafe.h>
 
 #include "driver/cbt_add_device.h"
 #include "driver/cbt_boot_checks.h"
-#include "driver/cbt_device_classes.h"
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_dispatch.h"
 #include "notify/cbt_notify.h"

@@ -32,9 +32,6 @@ typedef struct _NTFS_VOLUME_CONTEXT {
   LARGE_MCB LogFileMcb;  // VCN -> LCN of $LogFile
 } NTFS_VOLUME_CONTEXT, *PNTFS_VOLUME_CONTEXT;
 
-// Bytes reserved for a reader's state in each extension.
-#define CBT_FILE_SYSTEM_CONTEXT_BYTES 512
-
 // The ReFS reader's state.
 typedef struct _REFS_VOLUME_CONTEXT {
   KSEMAPHORE Lock;  // limit 1, count 1; held during initialisation
@@ -56,14 +53,12 @@ typedef struct _REFS_VOLUME_CONTEXT {
   WCHAR LogDriveLetter;
 } REFS_VOLUME_CONTEXT, *PREFS_VOLUME_CONTEXT;
 
+// One reader's state at a time, the one FileSystemType names.
 typedef union _CBT_FILE_SYSTEM_CONTEXT {
   NTFS_VOLUME_CONTEXT Ntfs;
   REFS_VOLUME_CONTEXT Refs;
-  DECLSPEC_ALIGN(16) UCHAR Storage[CBT_FILE_SYSTEM_CONTEXT_BYTES];
 } CBT_FILE_SYSTEM_CONTEXT, *PCBT_FILE_SYSTEM_CONTEXT;
 
-C_ASSERT(sizeof(CBT_FILE_SYSTEM_CONTEXT) == CBT_FILE_SYSTEM_CONTEXT_BYTES);
-
-// The NTFS context in a volume's storage.
+// The reader's state in a volume's context.
 FORCEINLINE PNTFS_VOLUME_CONTEXT CbtNtfsContext(PCBT_FILE_SYSTEM_CONTEXT Context) { return &Context->Ntfs; }
 FORCEINLINE PREFS_VOLUME_CONTEXT CbtRefsContext(PCBT_FILE_SYSTEM_CONTEXT Context) { return &Context->Refs; }

@@ -1,7 +1,5 @@
 #include "control_request.h"
 
-#include <gtest/gtest.h>
-
 #include "kvhost/io.h"
 
 namespace kvtest {
@@ -18,8 +16,11 @@ ControlResult SendControlRequest(PDEVICE_OBJECT top, const ControlRequest& reque
       request.Code, top, input.empty() ? nullptr : input.data(), static_cast<ULONG>(input.size()),
       request.HasOutputBuffer && request.OutputLength != 0 ? result.Output.data() : nullptr, request.OutputLength,
       FALSE, &done, &iosb);
-  EXPECT_NE(irp, nullptr);
-  if (irp == nullptr) return result;
+  if (irp == nullptr) {
+    // The caller sees the failure in Returned and Status; nothing was sent.
+    result.Returned = result.Status = STATUS_INSUFFICIENT_RESOURCES;
+    return result;
+  }
   irp->RequestorMode = UserMode;
   if (request.From32bitProcess) kvhost::IoSetIrpFrom32bitProcess(irp, true);
   if (request.Adjust) request.Adjust(irp);

@@ -83,6 +83,10 @@ class DeviceControlTest : public testing::Test {
     probe_.Answer(code, ProbeReply{status, outputLength / 2, Pattern(outputLength, 0x40)});
   }
 
+  // Defined with the rows of requests that travel on down, below.
+  template <typename Rows>
+  void SendEachAndExpectItPassedDown(const Rows& rows);
+
   kvtest::ProbeFilter probe_;  // outlives the machine, which unloads the filter
   std::unique_ptr<kvtestbed::Machine> machine_;
   kvtestbed::Volume* volume_ = nullptr;
@@ -228,6 +232,20 @@ void ExpectPassedDownUnchanged(const PassedDown& row, const ControlRequest& sent
   EXPECT_TRUE(std::all_of(result.Output.begin() + returned, result.Output.end(), [](uint8_t b) { return b == kUntouched; }));
 }
 
+// Sends each row with a patterned input, answered by the probe in the volume's place, and
+// checks that it went down and came back unchanged and that the dispatch recorded nothing.
+template <typename Rows>
+void DeviceControlTest::SendEachAndExpectItPassedDown(const Rows& rows) {
+  for (const PassedDown& row : rows) {
+    ScriptAnswer(row.Code, row.OutputLength);
+    probe_.Clear();
+    const ControlRequest request{.Code = row.Code, .Input = Pattern(row.InputBytes, 0x10), .OutputLength = row.OutputLength};
+    const ControlResult result = Send(request);
+    ExpectPassedDownUnchanged(row, request, result, probe_.ControlRequests());
+  }
+  EXPECT_TRUE(TakeDispatchRecords().empty());
+}
+
 // Handlers of the tracking switch and queries, the bitmap copy-out and the shadow-copy
 // verification take these further; until they do, the requests go down unchanged, whatever
 // their buffers.
@@ -246,14 +264,22 @@ TEST_F(DeviceControlTest, DriverCodesOfLaterHandlersGoDownUnchanged) {
       {"disable tracking with buffers", IOCTL_KVCBT_DISABLE_TRACKING, 16, 0},
       {"verify snapshot", IOCTL_KVCBT_VERIFY_SNAPSHOT, 4, 4},
   };
-  for (const PassedDown& row : rows) {
-    ScriptAnswer(row.Code, row.OutputLength);
+  SendEachAndExpectItPassedDown(rows);
+
+  // An output length stated without a buffer: the request arrives without an MDL, and the
+  // dispatch neither maps nor completes it.
+  for (ULONG code : {IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION, IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION_EX,
+                     IOCTL_KVCBT_GET_VOLUME_BITMAP}) {
+    SCOPED_TRACE(code);
+    ScriptAnswer(code, 0);
     probe_.Clear();
-    const ControlRequest request{.Code = row.Code, .Input = Pattern(row.InputBytes, 0x10), .OutputLength = row.OutputLength};
-    const ControlResult result = Send(request);
-    ExpectPassedDownUnchanged(row, request, result, probe_.ControlRequests());
+    const ControlResult result = Send({.Code = code, .OutputLength = 120, .HasOutputBuffer = false});
+    const std::vector<ProbeRequest> seen = probe_.ControlRequests();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_FALSE(seen[0].HadMdl);
+    EXPECT_EQ(seen[0].OutputLength, 120u);
+    EXPECT_EQ(result.Status, STATUS_SUCCESS);
   }
-  EXPECT_TRUE(TakeDispatchRecords().empty());
 }
 
 TEST_F(DeviceControlTest, EnablingTrackingIsAnsweredHereWithoutABuffer) {
@@ -286,14 +312,7 @@ TEST_F(DeviceControlTest, StorageRequestsAndForeignCodesGoDownUnchanged) {
       {"unknown direct code of the driver's type", kUnknownDriverDirectCode, 0, 0},
       {"a disk's code", IOCTL_DISK_GET_DRIVE_GEOMETRY, 0, 24},
   };
-  for (const PassedDown& row : rows) {
-    ScriptAnswer(row.Code, row.OutputLength);
-    probe_.Clear();
-    const ControlRequest request{.Code = row.Code, .Input = Pattern(row.InputBytes, 0x20), .OutputLength = row.OutputLength};
-    const ControlResult result = Send(request);
-    ExpectPassedDownUnchanged(row, request, result, probe_.ControlRequests());
-  }
-  EXPECT_TRUE(TakeDispatchRecords().empty());
+  SendEachAndExpectItPassedDown(rows);
 
   // Unanswered by the probe, a foreign code reaches the volume device itself.
   probe_.Clear();

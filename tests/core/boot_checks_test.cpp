@@ -1,11 +1,11 @@
 // The boot environment: a scheduled boot-time defragmentation keeps the driver off every
 // volume; the volume classes' filter lists are recorded as one line each.
+#include <devguid.h>
 #include <string>
 #include <vector>
 
 #include "cbt_driver_fixture.h"
 #include "driver/cbt_boot_checks.h"
-#include "driver/cbt_device_classes.h"
 #include "kvhost/registry.h"
 
 namespace kvtest {

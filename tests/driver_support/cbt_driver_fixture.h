@@ -38,7 +38,8 @@ struct Volume {
   bool Removed = false;
 
   PDEVICE_OBJECT Top() const { return Filter != nullptr ? Filter : Pdo; }
-  PCBT_DEVICE_EXTENSION Extension() const { return Filter != nullptr ? CbtExtensionOf(Filter) : nullptr; }
+  // The filter's extension; only for a filtered volume.
+  PCBT_DEVICE_EXTENSION Extension() const { return CbtExtensionOf(Filter); }
 };
 
 struct Transferred {

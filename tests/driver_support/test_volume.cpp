@@ -1,11 +1,12 @@
 // The test volume driver (test_volume.h).
+#include <devguid.h>
+
 #include "test_volume.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 
-#include "driver/cbt_device_classes.h"
 #include "kvhost/io.h"
 
 namespace kvtest {

@@ -2,6 +2,7 @@
 // lock that keeps opens out, dismounting under open files, metadata that survives a remount
 // and a failed write, and file-system I/O that passes the volume's filters.
 #include <ioevent.h>
+#include <wdmguid.h>
 
 #include <atomic>
 #include <chrono>
@@ -9,6 +10,7 @@
 #include <thread>
 
 #include "kvhost/file_systems.h"
+#include "kvhost/workqueue.h"
 #include "model_volume.h"
 
 namespace {
@@ -57,9 +59,18 @@ TEST_F(VolumeState, TheFirstOpenMountsTheVolumeAndTheMountIsAnnounced) {
   ASSERT_EQ(Open(u"\\??\\D:\\first.bin").Status, STATUS_SUCCESS);
   EXPECT_TRUE(kvtestbed::IsVolumeMounted(disk_));
   ASSERT_EQ(Open(u"\\??\\D:\\second.bin").Status, STATUS_SUCCESS);
+  kvhost::WaitForWorkQueuesIdle();  // the announcement comes from a worker thread
   ASSERT_EQ(listener.Events.size(), 1u);
   EXPECT_TRUE(IsEqualGUID(listener.Events[0], GUID_IO_VOLUME_MOUNT));
   EXPECT_EQ(kvtestbed::MountVolume(disk_), STATUS_SUCCESS) << "mounted already";
+}
+
+TEST_F(VolumeState, AMountWhoseCallerAnnouncesItIsNotAnnouncedAgain) {
+  VolumeListener listener(filterDriver_, kDeviceName);
+  ASSERT_EQ(kvtestbed::MountVolume(disk_, kvtestbed::MountAnnouncement::ByCaller), STATUS_SUCCESS);
+  EXPECT_TRUE(kvtestbed::IsVolumeMounted(disk_));
+  kvhost::WaitForWorkQueuesIdle();
+  EXPECT_TRUE(listener.Events.empty());
 }
 
 TEST_F(VolumeState, ALockKeepsOpensOutAfterHandleHoldersHaveClosedTheirHandles) {
@@ -68,6 +79,7 @@ TEST_F(VolumeState, ALockKeepsOpensOutAfterHandleHoldersHaveClosedTheirHandles) 
   ASSERT_EQ(tracking.Status, STATUS_SUCCESS);
   OpenResult volume = OpenVolume();
   ASSERT_EQ(volume.Status, STATUS_SUCCESS);
+  kvhost::WaitForWorkQueuesIdle();
 
   // A handle nobody closes makes the lock fail.
   EXPECT_EQ(FsControl(volume.File.get(), FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0), STATUS_ACCESS_DENIED);
@@ -115,8 +127,45 @@ TEST_F(VolumeState, DismountingFailsOpenFilesAndTheNextOpenMountsAgain) {
   OpenResult again = Open(u"\\Device\\HarddiskVolume7\\kept.bin", GENERIC_READ | SYNCHRONIZE,
                           FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN);
   ASSERT_EQ(again.Status, STATUS_SUCCESS) << "the old handle's share does not count on the new mount";
+  kvhost::WaitForWorkQueuesIdle();
   EXPECT_TRUE(IsEqualGUID(listener.Events.back(), GUID_IO_VOLUME_MOUNT));
   EXPECT_TRUE(Read(again.File.get(), 2 * kCluster, 0) == data);
+}
+
+TEST_F(VolumeState, AQueryRemoveIsVetoedWhileFilesAreOpenAndOtherwiseDismountsUntilTheOutcome) {
+  OpenResult file = Open(u"\\??\\D:\\busy.bin");
+  ASSERT_EQ(file.Status, STATUS_SUCCESS);
+  ASSERT_EQ(Write(file.File.get(), std::vector<uint8_t>(100, 0x5A), 0), STATUS_SUCCESS);
+  EXPECT_EQ(kvhost::IoRaiseTargetDeviceEvent(disk_, GUID_TARGET_DEVICE_QUERY_REMOVE), STATUS_ACCESS_DENIED);
+  EXPECT_TRUE(kvtestbed::IsVolumeMounted(disk_));
+  file.File.Close();
+
+  EXPECT_EQ(kvhost::IoRaiseTargetDeviceEvent(disk_, GUID_TARGET_DEVICE_QUERY_REMOVE), STATUS_SUCCESS);
+  EXPECT_FALSE(kvtestbed::IsVolumeMounted(disk_)) << "dismounted, so that nothing holds the stack";
+  EXPECT_NE(kvtestbed::FileSystemOf(disk_), nullptr) << "still attached until the outcome";
+
+  // Called off: the next open mounts again and finds what was written before.
+  EXPECT_EQ(kvhost::IoRaiseTargetDeviceEvent(disk_, GUID_TARGET_DEVICE_REMOVE_CANCELLED), STATUS_SUCCESS);
+  OpenResult again = Open(u"\\??\\D:\\busy.bin", GENERIC_READ | SYNCHRONIZE, FILE_SHARE_READ, FILE_OPEN);
+  ASSERT_EQ(again.Status, STATUS_SUCCESS);
+  EXPECT_TRUE(Read(again.File.get(), 100, 0) == std::vector<uint8_t>(100, 0x5A));
+  again.File.Close();
+
+  // Carried out: the file system goes with the volume.
+  EXPECT_EQ(kvhost::IoRaiseTargetDeviceEvent(disk_, GUID_TARGET_DEVICE_QUERY_REMOVE), STATUS_SUCCESS);
+  EXPECT_EQ(kvhost::IoRaiseTargetDeviceEvent(disk_, GUID_TARGET_DEVICE_REMOVE_COMPLETE), STATUS_SUCCESS);
+  EXPECT_EQ(kvtestbed::FileSystemOf(disk_), nullptr) << "taken away, and with it its references to the volume";
+  EXPECT_EQ(Open(u"\\??\\D:\\busy.bin").Status, STATUS_UNRECOGNIZED_VOLUME);
+}
+
+TEST_F(VolumeState, ASurpriseRemovalTakesTheFileSystemAwayUnderOpenFiles) {
+  OpenResult file = Open(u"\\??\\D:\\busy.bin");
+  ASSERT_EQ(file.Status, STATUS_SUCCESS);
+  EXPECT_EQ(kvhost::IoRaiseTargetDeviceEvent(disk_, GUID_TARGET_DEVICE_REMOVE_COMPLETE), STATUS_SUCCESS);
+  EXPECT_EQ(kvtestbed::FileSystemOf(disk_), nullptr);
+  NTSTATUS status;
+  Read(file.File.get(), 10, 0, &status);
+  EXPECT_EQ(status, STATUS_VOLUME_DISMOUNTED);
 }
 
 TEST_F(VolumeState, MetadataIsOnTheDiskAndAFailedCatalogueWriteLeavesThePreviousOne) {

@@ -12,10 +12,11 @@
 // the file contents: share access, delete-on-close and delete-pending, file positions of
 // synchronous files, the volume lock (FSCTL_LOCK_VOLUME, _UNLOCK_VOLUME) and dismount
 // (FSCTL_DISMOUNT_VOLUME), the volume notifications file systems raise (GUID_IO_VOLUME_MOUNT
-// after each mount; _LOCK, _LOCK_FAILED, _UNLOCK, _DISMOUNT, _DISMOUNT_FAILED around those
-// requests), the layout of the information records, the retrieval-pointers answer with its
-// overflow, and refusals a test asks for (RefuseOpens). A FileSystem provides the files:
-// names, attributes, sizes, data, clusters and security descriptors.
+// after each mount, from a worker thread; _LOCK, _LOCK_FAILED, _UNLOCK, _DISMOUNT,
+// _DISMOUNT_FAILED around those requests, in the requester's thread), the answers to the
+// volume's removal, the layout of the information records, the retrieval-pointers answer
+// with its overflow, and refusals a test asks for (RefuseOpens). A FileSystem provides the
+// files: names, attributes, sizes, data, clusters and security descriptors.
 //
 // Everything here runs at PASSIVE_LEVEL in host threads.
 #pragma once
@@ -162,15 +163,27 @@ class FileSystem {
 
 // Gives the volume a file system; it is mounted at the first open of a path on the volume,
 // or by MountVolume. `volume` is the volume device object, the one its name and links lead
-// to (\Device\HarddiskVolumeN). STATUS_OBJECT_NAME_COLLISION if it already has one.
+// to (\Device\HarddiskVolumeN). STATUS_OBJECT_NAME_COLLISION if it already has one. The
+// volume device stays referenced until the file system is taken away: by DetachFileSystem,
+// or when the volume is removed. The driver watches the volume's removal as Windows' file
+// systems do (a target-device registration on a direct open of the volume device, so the
+// filters see that open): GUID_TARGET_DEVICE_QUERY_REMOVE is vetoed with
+// STATUS_ACCESS_DENIED while files are open on the volume, and otherwise dismounts it and
+// closes the watching handle; _REMOVE_CANCELLED opens that handle again (the next open
+// mounts); _REMOVE_COMPLETE takes the file system away, also after a surprise removal, when
+// files still open fail from then on.
 NTSTATUS AttachFileSystem(PDEVICE_OBJECT volume, std::shared_ptr<FileSystem> fileSystem);
 
 // Mounts the volume now, as its first open would. STATUS_SUCCESS also when it already is.
-NTSTATUS MountVolume(PDEVICE_OBJECT volume);
+// The driver announces each mount it makes with GUID_IO_VOLUME_MOUNT, from a system worker
+// thread as Windows does (kvhost::WaitForWorkQueuesIdle waits for it), unless the caller
+// says it announces this one itself.
+enum class MountAnnouncement { ByFileSystem, ByCaller };
+NTSTATUS MountVolume(PDEVICE_OBJECT volume, MountAnnouncement announcement = MountAnnouncement::ByFileSystem);
 
-// Takes the file system away (before the volume device goes): a mounted volume is
-// dismounted as after FSCTL_DISMOUNT_VOLUME, without notifications; files still open fail
-// with STATUS_VOLUME_DISMOUNTED until they are closed.
+// Takes the file system away: a mounted volume is dismounted as after
+// FSCTL_DISMOUNT_VOLUME, without notifications; files still open fail with
+// STATUS_VOLUME_DISMOUNTED until they are closed.
 void DetachFileSystem(PDEVICE_OBJECT volume);
 
 // Power loss: forgets every attachment, mount and open file without any I/O and without
