@@ -3,6 +3,7 @@
 // attribute lists. These are the cases a damaged disk produces and mkntfs never does.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <vector>
@@ -61,7 +62,7 @@ class RecordBuilder {
     Header(type, length, NTFS_RESIDENT_FORM, name);
     Put32(next_ + 0x10, static_cast<ULONG>(value.size()));
     Put16(next_ + 0x14, static_cast<USHORT>(valueOffset));
-    std::memcpy(&bytes_[next_ + valueOffset], value.data(), value.size());
+    std::copy(value.begin(), value.end(), bytes_.begin() + static_cast<std::ptrdiff_t>(next_ + valueOffset));
     next_ += length;
     return *this;
   }
@@ -77,7 +78,7 @@ class RecordBuilder {
     Put64(next_ + 0x28, 0x30000);
     Put64(next_ + 0x30, 0x30000);
     Put64(next_ + 0x38, 0x30000);
-    std::memcpy(&bytes_[next_ + pairsOffset], pairs.data(), pairs.size());
+    std::copy(pairs.begin(), pairs.end(), bytes_.begin() + static_cast<std::ptrdiff_t>(next_ + pairsOffset));
     next_ += length;
     return *this;
   }
