@@ -14,6 +14,6 @@ cd "$work" || exit 1
 "$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 \
   "$work/corpus" "${seeds[@]}" >"$work/last-run.log" 2>&1
 status=$?
-grep -E '^#[0-9]+ +DONE' "$work/last-run.log" | tail -n 1
+grep -E '^#[0-9]+[[:space:]]+DONE' "$work/last-run.log" | tail -n 1
 tail -n 40 "$work/last-run.log"
 exit "$status"
