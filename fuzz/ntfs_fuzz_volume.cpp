@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kvhost/dbgprint.h"
 #include "kvhost/io.h"
 #include "kvhost/pool.h"
 
@@ -159,6 +160,9 @@ size_t PoolMark() {
 }
 
 void AbortOnLeak(size_t mark, const char* what) {
+  // The reader's records of refused input reach the debugger's capture, which would
+  // otherwise grow with every input for the whole campaign.
+  kvhost::TakeDebugOutput();
   if (kvhost::OutstandingBlocks() <= mark) return;
   for (const std::string& leak : kvhost::DescribePoolLeaks()) std::fprintf(stderr, "%s\n", leak.c_str());
   std::fprintf(stderr, "%s left pool behind\n", what);
