@@ -19,7 +19,7 @@ struct Images {
   std::mutex Lock;
   // Keyed by the upper-case name: service names compare without regard to case.
   std::map<std::u16string, Image> ByName{
-      {kvhost::UpcaseText(kTestFilterService), {kTestFilterService, TestFilterDriverEntry}}};
+      {kvhost::UpcaseText(kTestFilterService), {kTestFilterService, PassThroughFilterDriverEntry}}};
 };
 
 Images& Table() {

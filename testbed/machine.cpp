@@ -16,6 +16,7 @@
 #include "kvhost/verifier.h"
 #include "kvhost/workqueue.h"
 #include "kvtestbed/driver_images.h"
+#include "kvtestbed/file_system.h"
 #include "kvtestbed/names.h"
 #include "volume_content.h"
 #include "volume_driver.h"
@@ -80,7 +81,7 @@ Machine::Machine(MachineConfig config) : config_(std::move(config)) {
 }
 
 Machine::~Machine() {
-  if (running_) TearDown();
+  TakeDown();
   worker_.reset();
   --g_machinesAlive;
 }
@@ -143,7 +144,9 @@ Volume* Machine::AddVolume(VolumeConfig config, std::string* error) {
   return &Connect(std::move(volume));
 }
 
-Volume& Machine::AddShadowCopy(Volume& original, std::string name) {
+Volume* Machine::AddShadowCopy(Volume& original, std::string name) {
+  auto base = std::dynamic_pointer_cast<detail::VolumeContent>(original.content_);
+  if (base == nullptr) return nullptr;  // a shadow copy of a shadow copy does not exist
   VolumeConfig config = original.Config();
   config.Name = std::move(name);
   config.DriveLetter = 0;
@@ -154,10 +157,10 @@ Volume& Machine::AddShadowCopy(Volume& original, std::string name) {
   config.WriteProtected = true;
   config.GptAttributes = GPT_BASIC_DATA_ATTRIBUTE_READ_ONLY | GPT_BASIC_DATA_ATTRIBUTE_SHADOW_COPY |
                          GPT_BASIC_DATA_ATTRIBUTE_HIDDEN | GPT_BASIC_DATA_ATTRIBUTE_NO_DRIVE_LETTER;
-  auto content = std::static_pointer_cast<detail::VolumeContent>(original.content_)->TakeSnapshot();
-  std::unique_ptr<Volume> volume(new Volume(nextShadowCopyNumber_++, &original, std::move(config), std::move(content)));
-  Note(volume->Name() + ": shadow copy of " + original.Name() + " taken");
-  return Connect(std::move(volume));
+  std::unique_ptr<Volume> volume(
+      new Volume(nextShadowCopyNumber_++, &original, std::move(config), base->TakeSnapshot()));
+  Note(Who(*volume) + "shadow copy of " + original.Name() + " taken");
+  return &Connect(std::move(volume));
 }
 
 // A new volume joins the machine, powered as the machine is, and arrives when it runs.
@@ -221,10 +224,15 @@ void Machine::PowerOn() {
   ++boots_;
   kvhost::SetWindowsVersion(config_.Version);
   if (worker_ == nullptr) worker_ = std::make_unique<detail::CompletionWorker>();
+  // After a power loss the event is created anew; after TakeDown it is still there.
   volumesSafeForWrite_ = kvhost::CreateNamedEvent(kVolumesSafeForWriteEvent, NotificationEvent, FALSE);
-  if (volumesSafeForWrite_ == nullptr)
-    kvhost::ReportViolation("MachineNamedEvent", "the machine could not create \\Device\\VolumesSafeForWriteAccess: "
-                                                 "the name is taken");
+  if (volumesSafeForWrite_ == nullptr) {
+    volumesSafeForWrite_ = static_cast<PKEVENT>(kvhost::ObLookupObjectByName(kVolumesSafeForWriteEvent, *ExEventObjectType));
+    if (volumesSafeForWrite_ != nullptr) {
+      ObDereferenceObject(volumesSafeForWrite_);  // a permanent object: it stays
+      KeClearEvent(volumesSafeForWrite_);
+    }
+  }
   for (const auto& v : volumes_) {
     v->worker_ = worker_.get();
     v->poweredOff_ = false;
@@ -268,24 +276,30 @@ void Machine::SignalVolumesSafeForWrite() {
 // A clean shutdown, in the order Windows runs it:
 //  1. IRP_MJ_SHUTDOWN to every device registered for shutdown notification, the latest
 //     registration first.
-//  2. IRP_MJ_SHUTDOWN to the devices registered for last-chance shutdown notification
-//     (after the file systems have flushed).
-//  3. IRP_MN_SET_POWER for PowerSystemShutdown to the top of every volume stack, shadow
+//  2. The file systems flush what they hold and dismount (on Windows at their own
+//     IRP_MJ_SHUTDOWN); their writes pass the volume stacks.
+//  3. IRP_MJ_SHUTDOWN to the devices registered for last-chance shutdown notification.
+//  4. IRP_MN_SET_POWER for PowerSystemShutdown to the top of every volume stack, shadow
 //     copies and then volumes, the latest arrival first (the power manager goes from the
 //     leaves of the device tree): the system power-state context carries the effective state
 //     (bits 12-15), the action is PowerActionShutdownOff.
-//  4. Power off, as in a crash: the disks keep what reached them.
+//  5. Power off, as in a crash: the disks keep what reached them.
 void Machine::Shutdown() {
   if (!running_) return;
   Note("shutdown");
   const size_t registered = kvhost::IoSendShutdownNotifications(false);
   Note("IRP_MJ_SHUTDOWN to " + std::to_string(registered) + " registered device(s)");
+  for (const auto& v : volumes_) {
+    if (v->Device() == nullptr || FileSystemOf(v->Device()) == nullptr) continue;
+    DetachFileSystem(v->Device());
+    Note(Who(*v) + "file system flushed and dismounted");
+  }
   const size_t lastChance = kvhost::IoSendShutdownNotifications(true);
   Note("IRP_MJ_SHUTDOWN to " + std::to_string(lastChance) + " last-chance device(s)");
   std::vector<Volume*> order = Volumes();
   std::stable_partition(order.begin(), order.end(), [](const Volume* v) { return !v->IsShadowCopy(); });
   for (auto it = order.rbegin(); it != order.rend(); ++it)
-    if (Usable(**it) && (*it)->started_) Note(Who(**it) + ": IRP_MN_SET_POWER PowerSystemShutdown", SendShutdownPower(**it));
+    if (Usable(**it) && (*it)->started_) Note(Who(**it) + "IRP_MN_SET_POWER PowerSystemShutdown", SendShutdownPower(**it));
   PowerOff();
 }
 
@@ -325,16 +339,18 @@ void Machine::PowerOff() {
     v->device_ = nullptr;
     v->online_ = false;
     v->started_ = false;
+    v->interfaceEnabled_ = false;
     v->removePending_ = false;
     v->links_.clear();
   }
 }
 
-// A machine destroyed while running: every volume stack goes through an orderly removal
-// (shadow copies first, the latest first; a vetoed removal becomes a surprise removal), then
-// the drivers are unloaded in the reverse order of loading. What a driver did not release is
-// reported by the I/O manager and the end-of-test checks.
-void Machine::TearDown() {
+// Every volume stack goes through an orderly removal (shadow copies first, the latest first;
+// a vetoed removal becomes a surprise removal), then the drivers are unloaded in the reverse
+// order of loading. What a driver did not release is reported by the I/O manager and the
+// end-of-test checks. The volumes stay connected for the next boot.
+void Machine::TakeDown() {
+  if (!running_) return;
   Note("machine taken down");
   std::vector<Volume*> order = Volumes();
   std::stable_partition(order.begin(), order.end(), [](const Volume* v) { return !v->IsShadowCopy(); });
@@ -342,6 +358,7 @@ void Machine::TearDown() {
     Volume& v = **it;
     if (v.Device() == nullptr) continue;
     if (!v.started_ || !NT_SUCCESS(Remove(v))) SurpriseRemove(v);
+    v.present_ = true;
   }
   worker_->Drain();
   kvhost::WaitForWorkQueuesIdle(std::chrono::seconds(30));
@@ -350,8 +367,12 @@ void Machine::TearDown() {
     Note("unload " + Narrow(it->first));
   }
   drivers_.clear();
+  volumesSafeForWrite_ = nullptr;
   running_ = false;
-  for (const auto& v : volumes_) v->poweredOff_ = true;
+  for (const auto& v : volumes_) {
+    v->poweredOff_ = true;
+    v->online_ = false;
+  }
 }
 
 PDRIVER_OBJECT Machine::LoadedDriver(std::u16string_view service) const {
@@ -371,7 +392,11 @@ NTSTATUS Machine::Note(std::string text, NTSTATUS status) {
   return status;
 }
 
-std::string Machine::Who(const Volume& volume) const { return volume.Name(); }
+// How events name a volume: "C: " or "data: ".
+std::string Machine::Who(const Volume& volume) const {
+  const std::string& name = volume.Name();
+  return name + (!name.empty() && name.back() == ':' ? " " : ": ");
+}
 
 std::vector<MachineEvent> Machine::TakeEvents() {
   std::vector<MachineEvent> out;

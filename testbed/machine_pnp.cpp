@@ -14,6 +14,7 @@
 #include "kvhost/io.h"
 #include "kvhost/object.h"
 #include "kvhost/verifier.h"
+#include "kvtestbed/file_system.h"
 #include "kvtestbed/machine.h"
 #include "kvtestbed/names.h"
 #include "volume_content.h"
@@ -63,20 +64,22 @@ std::vector<uint8_t> MountDevName(std::u16string_view name) {
 NTSTATUS Machine::ArriveNow(Volume& volume, bool mountNow) {
   NTSTATUS status = BuildStack(volume);
   if (!NT_SUCCESS(status)) return status;
-  status = Note(volume.Name() + ": IRP_MN_START_DEVICE", SendPnp(volume, IRP_MN_START_DEVICE));
+  status = Note(Who(volume) + "IRP_MN_START_DEVICE", SendPnp(volume, IRP_MN_START_DEVICE));
   if (!NT_SUCCESS(status)) {
     // A device that does not start loses its stack; its volume device stays with the bus.
-    Note(volume.Name() + ": IRP_MN_REMOVE_DEVICE after the failed start", SendPnp(volume, IRP_MN_REMOVE_DEVICE));
+    Note(Who(volume) + "IRP_MN_REMOVE_DEVICE after the failed start", SendPnp(volume, IRP_MN_REMOVE_DEVICE));
     return status;
   }
   volume.started_ = true;
   UNICODE_STRING link = Counted(volume.InterfaceLink());
   UNICODE_STRING target = Counted(volume.DeviceName());
   IoCreateSymbolicLink(&link, &target);
+  volume.interfaceEnabled_ = true;
   kvhost::IoSetDeviceInterfaceState(GUID_DEVINTERFACE_VOLUME, volume.InterfaceLink(), true);
-  Note(volume.Name() + ": volume interface arrival " + Narrow(volume.InterfaceLink()));
+  Note(Who(volume) + "volume interface arrival " + Narrow(volume.InterfaceLink()));
   if (!volume.IsShadowCopy()) CreateMountLinks(volume);
   Online(volume);
+  AttachFileSystemOf(volume);
   if (mountNow) Mount(volume);
   return STATUS_SUCCESS;
 }
@@ -85,12 +88,12 @@ NTSTATUS Machine::BuildStack(Volume& volume) {
   PDRIVER_OBJECT volumeManager = LoadedDriver(kVolumeManager);
   PDEVICE_OBJECT device = nullptr;
   NTSTATUS status = detail::VolumeDriver::CreateDevice(volumeManager, volume, &device);
-  Note(volume.Name() + ": volume device " + Narrow(volume.DeviceName()), status);
+  Note(Who(volume) + "volume device " + Narrow(volume.DeviceName()), status);
   if (!NT_SUCCESS(status)) return status;
   volume.device_ = device;
   for (const std::u16string& name : FiltersOf(volume)) {
     PDRIVER_OBJECT driver = LoadedDriver(name);
-    const std::string what = volume.Name() + ": AddDevice " + Narrow(name);
+    const std::string what = Who(volume) + "AddDevice " + Narrow(name);
     if (driver == nullptr)
       status = Note(what + " (driver not loaded)", STATUS_DRIVER_UNABLE_TO_LOAD);
     else if (driver->DriverExtension->AddDevice == nullptr)
@@ -109,7 +112,7 @@ NTSTATUS Machine::BuildStack(Volume& volume) {
     if (!NT_SUCCESS(status)) {
       // The devices already attached are removed; the volume device stays with the bus.
       if (device->AttachedDevice != nullptr)
-        Note(volume.Name() + ": IRP_MN_REMOVE_DEVICE after the failed AddDevice", SendPnp(volume, IRP_MN_REMOVE_DEVICE));
+        Note(Who(volume) + "IRP_MN_REMOVE_DEVICE after the failed AddDevice", SendPnp(volume, IRP_MN_REMOVE_DEVICE));
       return status;
     }
   }
@@ -126,7 +129,7 @@ NTSTATUS Machine::CreateMountLinks(Volume& volume) {
     reported.resize(bytes / sizeof(char16_t));
     std::memcpy(reported.data(), name.Data.data() + sizeof(USHORT), reported.size() * sizeof(char16_t));
   }
-  Note(volume.Name() + ": mount manager: IOCTL_MOUNTDEV_QUERY_DEVICE_NAME " + Narrow(reported), name.Status);
+  Note(Who(volume) + "mount manager: IOCTL_MOUNTDEV_QUERY_DEVICE_NAME " + Narrow(reported), name.Status);
   NTSTATUS status = CreateLink(volume, volume.VolumeGuidName(), volume.VolumeGuidName());
   const char16_t letter = volume.Config().DriveLetter;
   if (letter != 0) status = CreateLink(volume, DriveLetterLink(letter), DriveLetterName(letter));
@@ -139,7 +142,7 @@ NTSTATUS Machine::CreateLink(Volume& volume, const std::u16string& link, const s
   UNICODE_STRING linkName = Counted(link);
   UNICODE_STRING target = Counted(volume.DeviceName());
   NTSTATUS status = IoCreateSymbolicLink(&linkName, &target);
-  if (!NT_SUCCESS(status)) return Note(volume.Name() + ": mount manager: link " + Narrow(link), status);
+  if (!NT_SUCCESS(status)) return Note(Who(volume) + "mount manager: link " + Narrow(link), status);
   volume.links_.push_back(link);
   return SendLinkCreated(volume, announced);
 }
@@ -154,13 +157,13 @@ void Machine::DeleteLinks(Volume& volume) {
 
 NTSTATUS Machine::SendLinkCreated(Volume& volume, std::u16string_view name) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
-  return Note(volume.Name() + ": IOCTL_MOUNTDEV_LINK_CREATED " + Narrow(name),
+  return Note(Who(volume) + "IOCTL_MOUNTDEV_LINK_CREATED " + Narrow(name),
               SendControl(volume, IOCTL_MOUNTDEV_LINK_CREATED, MountDevName(name), 0).Status);
 }
 
 NTSTATUS Machine::SendLinkDeleted(Volume& volume, std::u16string_view name) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
-  return Note(volume.Name() + ": IOCTL_MOUNTDEV_LINK_DELETED " + Narrow(name),
+  return Note(Who(volume) + "IOCTL_MOUNTDEV_LINK_DELETED " + Narrow(name),
               SendControl(volume, IOCTL_MOUNTDEV_LINK_DELETED, MountDevName(name), 0).Status);
 }
 
@@ -169,7 +172,7 @@ NTSTATUS Machine::AssignDriveLetter(Volume& volume, char16_t letter) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
   if (PVOID taken = kvhost::ObLookupObjectByName(DriveLetterLink(letter))) {
     ObDereferenceObject(taken);
-    return Note(volume.Name() + ": drive letter " + Narrow(DriveLetterName(letter)) + " is taken",
+    return Note(Who(volume) + "drive letter " + Narrow(DriveLetterName(letter)) + " is taken",
                 STATUS_OBJECT_NAME_COLLISION);
   }
   if (volume.Config().DriveLetter != 0) RemoveDriveLetter(volume);
@@ -198,12 +201,12 @@ NTSTATUS Machine::RemoveDriveLetter(Volume& volume) {
 
 NTSTATUS Machine::Online(Volume& volume) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
-  return Note(volume.Name() + ": IOCTL_VOLUME_ONLINE", SendControl(volume, IOCTL_VOLUME_ONLINE, {}, 0).Status);
+  return Note(Who(volume) + "IOCTL_VOLUME_ONLINE", SendControl(volume, IOCTL_VOLUME_ONLINE, {}, 0).Status);
 }
 
 NTSTATUS Machine::Offline(Volume& volume) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
-  return Note(volume.Name() + ": IOCTL_VOLUME_OFFLINE", SendControl(volume, IOCTL_VOLUME_OFFLINE, {}, 0).Status);
+  return Note(Who(volume) + "IOCTL_VOLUME_OFFLINE", SendControl(volume, IOCTL_VOLUME_OFFLINE, {}, 0).Status);
 }
 
 NTSTATUS Machine::QueryRemove(Volume& volume) {
@@ -214,9 +217,9 @@ NTSTATUS Machine::QueryRemove(Volume& volume) {
     Notify(volume, GUID_TARGET_DEVICE_REMOVE_CANCELLED);
     return status;
   }
-  status = Note(volume.Name() + ": IRP_MN_QUERY_REMOVE_DEVICE", SendPnp(volume, IRP_MN_QUERY_REMOVE_DEVICE));
+  status = Note(Who(volume) + "IRP_MN_QUERY_REMOVE_DEVICE", SendPnp(volume, IRP_MN_QUERY_REMOVE_DEVICE));
   if (!NT_SUCCESS(status)) {
-    Note(volume.Name() + ": IRP_MN_CANCEL_REMOVE_DEVICE", SendPnp(volume, IRP_MN_CANCEL_REMOVE_DEVICE));
+    Note(Who(volume) + "IRP_MN_CANCEL_REMOVE_DEVICE", SendPnp(volume, IRP_MN_CANCEL_REMOVE_DEVICE));
     Notify(volume, GUID_TARGET_DEVICE_REMOVE_CANCELLED);
     return status;
   }
@@ -227,7 +230,7 @@ NTSTATUS Machine::QueryRemove(Volume& volume) {
 NTSTATUS Machine::CancelRemove(Volume& volume) {
   if (!Usable(volume) || !volume.removePending_) return STATUS_INVALID_DEVICE_STATE;
   const NTSTATUS status =
-      Note(volume.Name() + ": IRP_MN_CANCEL_REMOVE_DEVICE", SendPnp(volume, IRP_MN_CANCEL_REMOVE_DEVICE));
+      Note(Who(volume) + "IRP_MN_CANCEL_REMOVE_DEVICE", SendPnp(volume, IRP_MN_CANCEL_REMOVE_DEVICE));
   volume.removePending_ = false;
   Notify(volume, GUID_TARGET_DEVICE_REMOVE_CANCELLED);
   return status;
@@ -235,11 +238,12 @@ NTSTATUS Machine::CancelRemove(Volume& volume) {
 
 // The volume leaves the system's view: its interface and its mount-manager links go.
 void Machine::Depart(Volume& volume) {
-  if (volume.started_) {
+  if (volume.interfaceEnabled_) {
+    volume.interfaceEnabled_ = false;
     kvhost::IoSetDeviceInterfaceState(GUID_DEVINTERFACE_VOLUME, volume.InterfaceLink(), false);
     UNICODE_STRING link = Counted(volume.InterfaceLink());
     IoDeleteSymbolicLink(&link);
-    Note(volume.Name() + ": volume interface removal");
+    Note(Who(volume) + "volume interface removal");
   }
   DeleteLinks(volume);
 }
@@ -268,18 +272,18 @@ NTSTATUS Machine::SurpriseRemove(Volume& volume) {
 void Machine::RemoveStack(Volume& volume, bool surprise) {
   PDEVICE_OBJECT device = volume.Device();
   auto removeComplete = [&] {
-    Note(volume.Name() + ": GUID_TARGET_DEVICE_REMOVE_COMPLETE",
+    Note(Who(volume) + "GUID_TARGET_DEVICE_REMOVE_COMPLETE",
          kvhost::IoRaiseTargetDeviceEvent(device, GUID_TARGET_DEVICE_REMOVE_COMPLETE));
   };
   if (surprise) {
-    Note(volume.Name() + ": IRP_MN_SURPRISE_REMOVAL", SendPnp(volume, IRP_MN_SURPRISE_REMOVAL));
+    Note(Who(volume) + "IRP_MN_SURPRISE_REMOVAL", SendPnp(volume, IRP_MN_SURPRISE_REMOVAL));
     Depart(volume);
     removeComplete();
   } else {
     Depart(volume);
   }
   volume.online_ = false;
-  Note(volume.Name() + ": IRP_MN_REMOVE_DEVICE", SendPnp(volume, IRP_MN_REMOVE_DEVICE));
+  Note(Who(volume) + "IRP_MN_REMOVE_DEVICE", SendPnp(volume, IRP_MN_REMOVE_DEVICE));
   if (!surprise) removeComplete();
   volume.device_ = nullptr;
   volume.started_ = false;
@@ -290,18 +294,18 @@ void Machine::RemoveStack(Volume& volume, bool surprise) {
 
 NTSTATUS Machine::Stop(Volume& volume) {
   if (!Usable(volume) || !volume.started_) return STATUS_INVALID_DEVICE_STATE;
-  NTSTATUS status = Note(volume.Name() + ": IRP_MN_QUERY_STOP_DEVICE", SendPnp(volume, IRP_MN_QUERY_STOP_DEVICE));
+  NTSTATUS status = Note(Who(volume) + "IRP_MN_QUERY_STOP_DEVICE", SendPnp(volume, IRP_MN_QUERY_STOP_DEVICE));
   if (!NT_SUCCESS(status)) {
-    Note(volume.Name() + ": IRP_MN_CANCEL_STOP_DEVICE", SendPnp(volume, IRP_MN_CANCEL_STOP_DEVICE));
+    Note(Who(volume) + "IRP_MN_CANCEL_STOP_DEVICE", SendPnp(volume, IRP_MN_CANCEL_STOP_DEVICE));
     return status;
   }
   volume.started_ = false;
-  return Note(volume.Name() + ": IRP_MN_STOP_DEVICE", SendPnp(volume, IRP_MN_STOP_DEVICE));
+  return Note(Who(volume) + "IRP_MN_STOP_DEVICE", SendPnp(volume, IRP_MN_STOP_DEVICE));
 }
 
 NTSTATUS Machine::Start(Volume& volume) {
   if (!Usable(volume) || volume.started_) return STATUS_INVALID_DEVICE_STATE;
-  const NTSTATUS status = Note(volume.Name() + ": IRP_MN_START_DEVICE", SendPnp(volume, IRP_MN_START_DEVICE));
+  const NTSTATUS status = Note(Who(volume) + "IRP_MN_START_DEVICE", SendPnp(volume, IRP_MN_START_DEVICE));
   volume.started_ = NT_SUCCESS(status);
   return status;
 }
@@ -320,34 +324,52 @@ NTSTATUS Machine::Resize(Volume& volume, uint64_t bytes) {
     std::lock_guard<std::mutex> guard(volume.lock_);
     volume.config_.SizeBytes = bytes;
   }
-  Note(volume.Name() + ": resized to " + std::to_string(bytes) + " bytes");
+  Note(Who(volume) + "resized to " + std::to_string(bytes) + " bytes");
   return Usable(volume) && volume.started_ ? Notify(volume, GUID_IO_VOLUME_CHANGE_SIZE) : STATUS_SUCCESS;
 }
 
 NTSTATUS Machine::Notify(Volume& volume, const GUID& event, std::span<const uint8_t> customData) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
-  return Note(volume.Name() + ": " + EventName(event),
+  return Note(Who(volume) + EventName(event),
               kvhost::IoRaiseTargetDeviceEvent(volume.Device(), event, customData.data(), customData.size()));
 }
 
+// The volume's file system (Volume::AttachFileSystem) is given to the volume when its stack
+// has started; it mounts at the first open of a path on the volume or here.
+void Machine::AttachFileSystemOf(Volume& volume) {
+  if (volume.fileSystem_ == nullptr || FileSystemOf(volume.Device()) != nullptr) return;
+  Note(Who(volume) + "file system attached", AttachFileSystem(volume.Device(), volume.fileSystem_));
+}
+
+// The machine announces the mount itself (not the file system from its worker thread), so
+// that GUID_IO_VOLUME_MOUNT keeps its place in the boot order. A volume no file system
+// recognises is mounted by RAW on Windows, which announces it too.
 NTSTATUS Machine::Mount(Volume& volume) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
-  if (volume.fileSystem_ != nullptr && fileSystemHooks_.Mount) {
-    const NTSTATUS status =
-        Note(volume.Name() + ": file system mount", fileSystemHooks_.Mount(*this, volume, *volume.fileSystem_));
-    if (!NT_SUCCESS(status)) return status;
-  }
+  if (FileSystemOf(volume.Device()) != nullptr)
+    Note(Who(volume) + "file system mount", MountVolume(volume.Device(), MountAnnouncement::ByCaller));
   return Notify(volume, GUID_IO_VOLUME_MOUNT);
 }
 
+// A mounted file system is dismounted as a program does it: FSCTL_DISMOUNT_VOLUME on an open
+// of the volume; the file system raises GUID_IO_VOLUME_DISMOUNT (or _DISMOUNT_FAILED) itself.
+// Without one, only the notification is raised.
 NTSTATUS Machine::Dismount(Volume& volume) {
   if (!Usable(volume)) return STATUS_NO_SUCH_DEVICE;
-  const NTSTATUS status = Notify(volume, GUID_IO_VOLUME_DISMOUNT);
-  if (volume.fileSystem_ != nullptr && fileSystemHooks_.Dismount) {
-    fileSystemHooks_.Dismount(*this, volume, *volume.fileSystem_);
-    Note(volume.Name() + ": file system dismounted");
+  if (!IsVolumeMounted(volume.Device())) return Notify(volume, GUID_IO_VOLUME_DISMOUNT);
+  const std::u16string name = volume.DeviceName();
+  UNICODE_STRING counted = Counted(name);
+  OBJECT_ATTRIBUTES attributes;
+  InitializeObjectAttributes(&attributes, &counted, OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+  IO_STATUS_BLOCK iosb{};
+  HANDLE handle = nullptr;
+  NTSTATUS status = ZwCreateFile(&handle, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &attributes, &iosb, nullptr, 0,
+                                 FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+  if (NT_SUCCESS(status)) {
+    status = ZwFsControlFile(handle, nullptr, nullptr, nullptr, &iosb, FSCTL_DISMOUNT_VOLUME, nullptr, 0, nullptr, 0);
+    ZwClose(handle);
   }
-  return status;
+  return Note(Who(volume) + "FSCTL_DISMOUNT_VOLUME", status);
 }
 
 }  // namespace kvtestbed

@@ -42,6 +42,20 @@ NTSTATUS SendOwnRequest(PDEVICE_OBJECT top, UCHAR major, Fill fill) {
   return status;
 }
 
+// Sends a request built by the I/O manager's builders (signalling `done`, status in `iosb`)
+// to `top`, waits for it, and drops the caller's reference to `top`.
+IoResult CallAndWait(PDEVICE_OBJECT top, PIRP irp, KEVENT& done, const IO_STATUS_BLOCK& iosb) {
+  IoResult result;
+  result.Status = IoCallDriver(top, irp);
+  if (result.Status == STATUS_PENDING) {
+    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    result.Status = iosb.Status;
+  }
+  ObDereferenceObject(top);
+  result.Information = iosb.Information;
+  return result;
+}
+
 }  // namespace
 
 // Plug and Play and power requests go to the top of the stack without a reference of the
@@ -66,36 +80,26 @@ NTSTATUS Machine::SendShutdownPower(Volume& volume) {
 }
 
 IoResult Machine::SendControl(Volume& volume, ULONG code, std::span<const uint8_t> input, ULONG outputLength) {
-  IoResult result;
-  result.Data.resize(outputLength);
+  std::vector<uint8_t> out(outputLength);
   std::vector<uint8_t> in(input.begin(), input.end());
   PDEVICE_OBJECT top = IoGetAttachedDeviceReference(volume.Device());
   KEVENT done;
   KeInitializeEvent(&done, NotificationEvent, FALSE);
   IO_STATUS_BLOCK iosb{};
   PIRP irp = IoBuildDeviceIoControlRequest(code, top, in.empty() ? nullptr : in.data(), static_cast<ULONG>(in.size()),
-                                           outputLength == 0 ? nullptr : result.Data.data(), outputLength, FALSE,
+                                           outputLength == 0 ? nullptr : out.data(), outputLength, FALSE,
                                            &done, &iosb);
   if (irp == nullptr) {
     ObDereferenceObject(top);
-    result.Status = STATUS_INSUFFICIENT_RESOURCES;
-    result.Data.clear();
-    return result;
+    return {STATUS_INSUFFICIENT_RESOURCES, 0, {}};
   }
-  NTSTATUS status = IoCallDriver(top, irp);
-  if (status == STATUS_PENDING) {
-    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-    status = iosb.Status;
-  }
-  ObDereferenceObject(top);
-  result.Status = status;
-  result.Information = iosb.Information;
-  result.Data.resize(std::min<size_t>(outputLength, iosb.Information));
+  IoResult result = CallAndWait(top, irp, done, iosb);
+  out.resize(std::min<size_t>(outputLength, result.Information));
+  result.Data = std::move(out);
   return result;
 }
 
 IoResult Machine::SendTransfer(Volume& volume, UCHAR major, uint64_t offset, void* buffer, uint32_t length) {
-  IoResult result;
   PDEVICE_OBJECT top = IoGetAttachedDeviceReference(volume.Device());
   KEVENT done;
   KeInitializeEvent(&done, NotificationEvent, FALSE);
@@ -105,18 +109,9 @@ IoResult Machine::SendTransfer(Volume& volume, UCHAR major, uint64_t offset, voi
   PIRP irp = IoBuildSynchronousFsdRequest(major, top, buffer, length, &at, &done, &iosb);
   if (irp == nullptr) {
     ObDereferenceObject(top);
-    result.Status = STATUS_INSUFFICIENT_RESOURCES;
-    return result;
+    return {STATUS_INSUFFICIENT_RESOURCES, 0, {}};
   }
-  NTSTATUS status = IoCallDriver(top, irp);
-  if (status == STATUS_PENDING) {
-    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-    status = iosb.Status;
-  }
-  ObDereferenceObject(top);
-  result.Status = status;
-  result.Information = iosb.Information;
-  return result;
+  return CallAndWait(top, irp, done, iosb);
 }
 
 IoResult Machine::Read(Volume& volume, uint64_t offset, uint32_t length) {

@@ -54,9 +54,12 @@ const bool kRegistered = [] {
   return true;
 }();
 
-void Note(std::string device, std::string what, std::string detail = {}) {
-  DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_INFO_LEVEL, "passthrough: %s%s%s%s%s\n", device.c_str(),
-             device.empty() ? "" : ": ", what.c_str(), detail.empty() ? "" : " ", detail.c_str());
+// Records what the filter saw; prints it too, unless it is one of the many requests that pass
+// through (control codes, interface changes), which only the record keeps.
+void Note(std::string device, std::string what, std::string detail = {}, bool print = true) {
+  if (print)
+    DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_INFO_LEVEL, "passthrough: %s%s%s%s%s\n", device.c_str(),
+               device.empty() ? "" : ": ", what.c_str(), detail.empty() ? "" : " ", detail.c_str());
   Record& r = TheRecord();
   std::lock_guard<std::mutex> guard(r.Lock);
   r.Events.push_back({std::move(device), std::move(what), std::move(detail)});
@@ -119,7 +122,7 @@ NTSTATUS DispatchDeviceControl(PDEVICE_OBJECT device, PIRP irp) {
     const size_t chars = std::min<size_t>(name->NameLength, sp->Parameters.DeviceIoControl.InputBufferLength - 2) / 2;
     detail = kvhost::ToUtf8(std::u16string(reinterpret_cast<const char16_t*>(name->Name), chars));
   }
-  Note(VolumeOf(device), ControlCodeName(code), detail);
+  Note(VolumeOf(device), ControlCodeName(code), detail, false);
   return PassDown(device, irp);
 }
 
@@ -159,16 +162,16 @@ NTSTATUS InterfaceChange(PVOID notification, PVOID context) {
   auto* n = static_cast<PDEVICE_INTERFACE_CHANGE_NOTIFICATION>(notification);
   const std::string link = kvhost::ToUtf8(n->SymbolicLinkName);
   if (n->Event != GUID_DEVICE_INTERFACE_ARRIVAL) {
-    Note("", "interface removal", link);
+    Note("", "interface removal", link, false);
     return STATUS_SUCCESS;
   }
   PFILE_OBJECT file = nullptr;
   PDEVICE_OBJECT top = nullptr;
   if (!NT_SUCCESS(IoGetDeviceObjectPointer(n->SymbolicLinkName, FILE_READ_ATTRIBUTES, &file, &top))) {
-    Note("", "interface arrival (cannot open)", link);
+    Note("", "interface arrival (cannot open)", link, false);
     return STATUS_SUCCESS;
   }
-  Note(kvhost::ToUtf8(kvhost::ObGetObjectName(file->DeviceObject)), "interface arrival", link);
+  Note(kvhost::ToUtf8(kvhost::ObGetObjectName(file->DeviceObject)), "interface arrival", link, false);
   PDEVICE_OBJECT device = IoGetAttachedDeviceReference(file->DeviceObject);
   while (device != nullptr && device->DriverObject != g_driver) {
     PDEVICE_OBJECT lower = IoGetLowerDeviceObject(device);
@@ -219,7 +222,7 @@ void Unload(PDRIVER_OBJECT driver) {
 
 }  // namespace
 
-EXTERN_C NTSTATUS TestFilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
+EXTERN_C NTSTATUS PassThroughFilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
   g_driver = driver;
   g_interfaceNotification = nullptr;
   Note("", "DriverEntry", kvhost::ToUtf8(registryPath));

@@ -3,9 +3,11 @@
 #include "kvtestbed/volume.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "completion_worker.h"
 #include "kvhost/object.h"
+#include "kvtestbed/file_system.h"
 #include "kvtestbed/names.h"
 #include "volume_content.h"
 
@@ -72,6 +74,37 @@ void Volume::WriteDirect(uint64_t offset, std::span<const uint8_t> data) {
   content_->Write(offset, data.data(), data.size());
 }
 
+namespace {
+
+class DirectVolumeIo final : public VolumeIo {
+ public:
+  explicit DirectVolumeIo(Volume& volume) : volume_(volume) {}
+  ULONG SectorSize() const override { return volume_.Config().SectorSize; }
+  NTSTATUS Read(uint64_t offset, void* buffer, size_t length) override {
+    if (!Fits(offset, length)) return STATUS_INVALID_PARAMETER;
+    const std::vector<uint8_t> bytes = volume_.ReadDirect(offset, length);
+    std::memcpy(buffer, bytes.data(), length);
+    return STATUS_SUCCESS;
+  }
+  NTSTATUS Write(uint64_t offset, const void* buffer, size_t length) override {
+    if (!Fits(offset, length)) return STATUS_INVALID_PARAMETER;
+    volume_.WriteDirect(offset, std::span<const uint8_t>(static_cast<const uint8_t*>(buffer), length));
+    return STATUS_SUCCESS;
+  }
+
+ private:
+  bool Fits(uint64_t offset, size_t length) const {
+    const uint64_t sector = SectorSize();
+    const uint64_t size = volume_.SizeBytes();
+    return offset % sector == 0 && length % sector == 0 && offset <= size && length <= size - offset;
+  }
+  Volume& volume_;
+};
+
+}  // namespace
+
+std::unique_ptr<VolumeIo> Volume::DirectIo() { return std::make_unique<DirectVolumeIo>(*this); }
+
 uint64_t Volume::BytesAllocated() const { return content_->BytesAllocated(); }
 
 DiskCounters Volume::Counters() const {
@@ -124,6 +157,11 @@ void Volume::HoldCompletions(bool hold) {
     holdCompletions_ = hold;
   }
   if (!hold && worker_ != nullptr) worker_->Wake();
+}
+
+bool Volume::CompletesFromThread() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return config_.CompleteFromThread;
 }
 
 bool Volume::CompletionsHeld() const {

@@ -218,7 +218,7 @@ NTSTATUS VolumeDriver::CreateDevice(PDRIVER_OBJECT driver, Volume& volume, PDEVI
 
 NTSTATUS VolumeDriver::DispatchTransfer(PDEVICE_OBJECT device, PIRP irp) {
   Volume& volume = OwnerOf(device);
-  if (volume.Config().CompleteFromThread) {
+  if (volume.CompletesFromThread()) {
     IoMarkIrpPending(irp);
     volume.worker_->Queue(&volume, irp);
     return STATUS_PENDING;

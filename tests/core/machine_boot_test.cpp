@@ -74,9 +74,9 @@ TEST_F(MachineBootTest, FiltersEveryFixedVolumeAndShadowCopyAndNothingElse) {
   Volume* c = machine.AddVolume(Lettered(u'C'));
   Volume* d = machine.AddVolume(Lettered(u'D'));
   Volume* stick = machine.AddVolume(Lettered(u'E', true));
+  Volume& shadow = machine.AddShadowCopy(*c);
   kvhost::TakeDebugOutput();
   ASSERT_EQ(machine.Boot(), STATUS_SUCCESS);
-  Volume& shadow = machine.AddShadowCopy(*c);
 
   EXPECT_EQ(BannersPrinted(), 1u);
   const std::vector<CBT_LOG_RECORD_BODY> records = Records();
@@ -99,6 +99,12 @@ TEST_F(MachineBootTest, FiltersEveryFixedVolumeAndShadowCopyAndNothingElse) {
   EXPECT_TRUE(CbtFlagsSet(CbtExtensionOf(FilterOf(shadow)), CBT_FLAG_SNAPSHOT_DEVICE));
   EXPECT_FALSE(CbtFlagsSet(CbtExtensionOf(FilterOf(*d)), CBT_FLAG_SNAPSHOT_DEVICE));
 
+  // A shadow copy committed while the machine runs is filtered as it arrives.
+  Volume& later = machine.AddShadowCopy(*d);
+  ASSERT_NE(FilterOf(later), nullptr);
+  EXPECT_EQ(CbtExtensionOf(FilterOf(later))->VolumeNumber, later.Number());
+  EXPECT_NE(later.Number(), shadow.Number());
+
   // Writes and reads travel through the filter to the disk and back.
   const std::vector<uint8_t> data(4096, 0xC3);
   EXPECT_EQ(machine.Write(*d, 65536, data).Status, STATUS_SUCCESS);
@@ -111,8 +117,8 @@ TEST_F(MachineBootTest, AScheduledDefragmentationLeavesEveryVolumeUnfiltered) {
   Machine machine(config);
   kvhost::SetRegistryDword(Machine::ServiceKeyPath(u"DefragFs"), u"Start", 0);
   Volume* c = machine.AddVolume(Lettered(u'C'));
-  ASSERT_EQ(machine.Boot(), STATUS_SUCCESS);
   Volume& shadow = machine.AddShadowCopy(*c);
+  ASSERT_EQ(machine.Boot(), STATUS_SUCCESS);
   EXPECT_EQ(FilterOf(*c), nullptr);
   EXPECT_EQ(FilterOf(shadow), nullptr);
   const std::vector<std::string> texts = Texts(Records());

@@ -46,6 +46,17 @@ void TransferFromWorker(PDEVICE_OBJECT device, PVOID context) {
   Transfer(TestVolumeOf(device), irp);
 }
 
+// Pends the request and finishes it with `routine` in a system worker thread; the work item
+// travels in the request, and the routine frees it before anything else.
+NTSTATUS FinishFromWorker(PDEVICE_OBJECT device, PIRP irp, PIO_WORKITEM_ROUTINE routine) {
+  PIO_WORKITEM item = IoAllocateWorkItem(device);
+  if (item == nullptr) return Complete(irp, STATUS_INSUFFICIENT_RESOURCES);
+  irp->Tail.Overlay.DriverContext[0] = item;
+  IoMarkIrpPending(irp);
+  IoQueueWorkItem(item, routine, DelayedWorkQueue, irp);
+  return STATUS_PENDING;
+}
+
 NTSTATUS DispatchTransfer(PDEVICE_OBJECT device, PIRP irp) {
   TestVolume* volume = TestVolumeOf(device);
   if (volume->HoldTransfers) {
@@ -55,12 +66,7 @@ NTSTATUS DispatchTransfer(PDEVICE_OBJECT device, PIRP irp) {
     return STATUS_PENDING;
   }
   if (!volume->CompleteFromWorker) return Transfer(volume, irp);
-  PIO_WORKITEM item = IoAllocateWorkItem(device);
-  if (item == nullptr) return Complete(irp, STATUS_INSUFFICIENT_RESOURCES);
-  irp->Tail.Overlay.DriverContext[0] = item;
-  IoMarkIrpPending(irp);
-  IoQueueWorkItem(item, TransferFromWorker, DelayedWorkQueue, irp);
-  return STATUS_PENDING;
+  return FinishFromWorker(device, irp, TransferFromWorker);
 }
 
 void CompleteFromWorker(PDEVICE_OBJECT device, PVOID context) {
@@ -76,12 +82,7 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT device, PIRP irp) {
     volume->PnpMinors.push_back(IoGetCurrentIrpStackLocation(irp)->MinorFunction);
   }
   if (!volume->CompleteFromWorker) return Complete(irp, volume->PnpStatus);
-  PIO_WORKITEM item = IoAllocateWorkItem(device);
-  if (item == nullptr) return Complete(irp, STATUS_INSUFFICIENT_RESOURCES);
-  irp->Tail.Overlay.DriverContext[0] = item;
-  IoMarkIrpPending(irp);
-  IoQueueWorkItem(item, CompleteFromWorker, DelayedWorkQueue, irp);
-  return STATUS_PENDING;
+  return FinishFromWorker(device, irp, CompleteFromWorker);
 }
 
 NTSTATUS DispatchPower(PDEVICE_OBJECT device, PIRP irp) {

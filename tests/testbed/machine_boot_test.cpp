@@ -58,7 +58,7 @@ TEST(MachineBoot, ClassListsDecideWhichFilterAVolumeOrAShadowCopyGets) {
   Machine machine(config);
   Volume* c = machine.AddVolume(LetteredVolume(u'C'));
   c->WriteDirect(0, Pattern(4096, 1));
-  Volume& snapshot = machine.AddShadowCopy(*c, "snap");
+  Volume& snapshot = *machine.AddShadowCopy(*c, "snap");
   c->WriteDirect(0, Pattern(4096, 2));
   ASSERT_EQ(machine.Boot(), STATUS_SUCCESS);
 

@@ -73,6 +73,8 @@ TEST_F(MachinePnp, StopAndStartAgain) {
   ASSERT_EQ(machine_.Start(*d_), STATUS_SUCCESS);
   EXPECT_EQ(Seen(*d_),
             (std::vector<std::string>{"IRP_MN_QUERY_STOP_DEVICE", "IRP_MN_STOP_DEVICE", "IRP_MN_START_DEVICE"}));
+  // A machine taken down with a stopped volume still removes its stack, interface and links.
+  ASSERT_EQ(machine_.Stop(*d_), STATUS_SUCCESS);
 }
 
 TEST_F(MachinePnp, EveryVolumeEventReachesTheRegistrationOnThatVolume) {

@@ -214,7 +214,8 @@ TEST_F(VolumeDevice, ATwoTerabyteVolumeCostsOnlyWhatIsWritten) {
 TEST_F(VolumeDevice, AShadowCopyKeepsTheVolumeAsItWasWhenTaken) {
   Volume& c = *Boot(LetteredVolume(u'C'));
   ASSERT_EQ(machine_.Write(c, 0, Pattern(131072, 1)).Status, STATUS_SUCCESS);
-  Volume& snapshot = machine_.AddShadowCopy(c);
+  Volume& snapshot = *machine_.AddShadowCopy(c);
+  EXPECT_EQ(machine_.AddShadowCopy(snapshot), nullptr) << "no shadow copy of a shadow copy";
   ASSERT_EQ(machine_.Write(c, 65536, Pattern(512, 2)).Status, STATUS_SUCCESS);
   IoResult old = machine_.Read(snapshot, 0, 131072);
   EXPECT_EQ(old.Status, STATUS_SUCCESS);

@@ -19,6 +19,12 @@
 // may change them between boots. Driver entry points come from ServiceConfig or from the
 // registered driver images (kvtestbed/driver_images.h).
 //
+// A volume may carry a file system (Volume::AttachFileSystem, kvtestbed/file_system.h; for
+// example the model file system, formatted through Volume::DirectIo): the machine gives it
+// to the volume when the volume's stack has started, mounts it at boot and announces the
+// mount itself, flushes it at a clean shutdown, and the file system watches the volume's
+// removal. Its reads and writes pass the volume's filters.
+//
 // A shadow-copy provider is a driver of its own: list it in the volume class's upper filters
 // below the tracking driver (VolumeUpperFilters = {u"provider", u"kvcbt"}) so that it sits
 // below the filter and sees the requests sent down the stack (flush-and-hold and the like),
@@ -92,19 +98,10 @@ struct IoResult {
 
 class Machine;
 
-// How the machine mounts and dismounts the file system attached to a volume
-// (Volume::AttachFileSystem). The file-system model installs these; without them a mount is
-// only the mount notification.
-struct FileSystemHooks {
-  std::function<NTSTATUS(Machine&, Volume&, FileSystem&)> Mount;
-  std::function<void(Machine&, Volume&, FileSystem&)> Dismount;
-};
-
 class Machine {
  public:
   explicit Machine(MachineConfig config = {});
-  // A running machine takes its volumes away through Plug and Play and unloads its drivers,
-  // so that the end-of-test checks see what a driver failed to release.
+  // A running machine is taken down (TakeDown) first.
   ~Machine();
   Machine(const Machine&) = delete;
   Machine& operator=(const Machine&) = delete;
@@ -115,8 +112,8 @@ class Machine {
   Volume* AddVolume(VolumeConfig config, std::string* error = nullptr);
   // A shadow copy of `original` as it is now: \Device\HarddiskVolumeShadowCopyN, of the
   // volume-snapshot class and type FILE_DEVICE_VIRTUAL_DISK, write-protected, arriving at once
-  // when the machine runs.
-  Volume& AddShadowCopy(Volume& original, std::string name = {});
+  // when the machine runs. Null when `original` is itself a shadow copy.
+  Volume* AddShadowCopy(Volume& original, std::string name = {});
   Volume* FindVolume(std::string_view name) const;
   std::vector<Volume*> Volumes() const;
 
@@ -130,6 +127,10 @@ class Machine {
   void Shutdown();
   // Loses power: every memory state is gone, disks keep exactly what reached them.
   void Crash();
+  // Takes a running machine down the way Windows takes devices away: every volume stack goes
+  // through Plug and Play removal, then the drivers are unloaded, so that the end-of-test
+  // checks see what a driver failed to release. The machine is then off; it can boot again.
+  void TakeDown();
   bool Running() const { return running_; }
   unsigned BootCount() const { return boots_; }
   // The Windows release reported from the next boot on.
@@ -178,11 +179,12 @@ class Machine {
   // Raises a target-device event (GUID_IO_VOLUME_LOCK, GUID_TARGET_DEVICE_QUERY_REMOVE ...) on
   // the volume; returns the first failure a callback gave.
   NTSTATUS Notify(Volume& volume, const GUID& event, std::span<const uint8_t> customData = {});
-  // Mounts the attached file system (through the hooks) and raises GUID_IO_VOLUME_MOUNT.
+  // Mounts the volume's file system (Volume::AttachFileSystem), if it has one, and raises
+  // GUID_IO_VOLUME_MOUNT.
   NTSTATUS Mount(Volume& volume);
-  // Raises GUID_IO_VOLUME_DISMOUNT and dismounts the attached file system.
+  // Dismounts a mounted file system with FSCTL_DISMOUNT_VOLUME (the file system raises
+  // GUID_IO_VOLUME_DISMOUNT); without one, raises GUID_IO_VOLUME_DISMOUNT.
   NTSTATUS Dismount(Volume& volume);
-  void SetFileSystemHooks(FileSystemHooks hooks) { fileSystemHooks_ = std::move(hooks); }
 
   // ----- What the machine did, oldest first; the list is emptied.
   std::vector<MachineEvent> TakeEvents();
@@ -198,9 +200,9 @@ class Machine {
   void PowerOn();
   void PowerOff();
   void LoadBootDrivers();
-  void TearDown();
   NTSTATUS ArriveNow(Volume& volume, bool mountNow);
   NTSTATUS BuildStack(Volume& volume);
+  void AttachFileSystemOf(Volume& volume);
   void RemoveStack(Volume& volume, bool surprise);
   void Depart(Volume& volume);
   NTSTATUS CreateMountLinks(Volume& volume);
@@ -220,7 +222,6 @@ class Machine {
   std::vector<std::unique_ptr<Volume>> volumes_;  // in arrival order
   ULONG nextVolumeNumber_ = 1;
   ULONG nextShadowCopyNumber_ = 1;
-  FileSystemHooks fileSystemHooks_;
   std::unique_ptr<detail::CompletionWorker> worker_;
   bool running_ = false;
   unsigned boots_ = 0;

@@ -19,7 +19,7 @@ namespace kvtestbed {
 
 inline constexpr char16_t kTestFilterService[] = u"passthrough";
 
-EXTERN_C DRIVER_INITIALIZE TestFilterDriverEntry;
+EXTERN_C DRIVER_INITIALIZE PassThroughFilterDriverEntry;
 
 // One thing the test filter saw. Device is the volume's device name
 // ("\Device\HarddiskVolume1"), empty for what concerns no volume.

@@ -34,6 +34,7 @@
 namespace kvtestbed {
 
 class FileSystem;  // the file system mounted on a volume (kvtestbed/file_system.h)
+class VolumeIo;    // a file system's sector I/O (kvtestbed/file_system.h)
 
 namespace detail {
 class Content;
@@ -130,6 +131,10 @@ class Volume {
   // ----- The disk, bypassing every driver.
   std::vector<uint8_t> ReadDirect(uint64_t offset, size_t length) const;
   void WriteDirect(uint64_t offset, std::span<const uint8_t> data);
+  // The disk as a file system's sector I/O, bypassing every driver: to put a file system on
+  // the volume before the machine runs (FormatModelVolume), as a disk comes formatted.
+  // Valid while the volume exists; the volume's size and sector size bound it.
+  std::unique_ptr<VolumeIo> DirectIo();
   // Bytes of memory (or image-file blocks) the disk holds.
   uint64_t BytesAllocated() const;
 
@@ -152,7 +157,9 @@ class Volume {
   // While held, transfers completing from the storage thread wait (a request in flight);
   // releasing lets them complete in order.
   void HoldCompletions(bool hold);
-  // The file system the machine mounts on this volume (see Machine::SetFileSystemHooks).
+  // The file system of this volume (kvtestbed/file_system.h), which belongs to its disk: the
+  // machine gives it to the volume each time the volume's stack has started (from the next
+  // arrival or boot on), and mounts it at boot (Machine::Mount).
   void AttachFileSystem(std::shared_ptr<FileSystem> fileSystem);
   const std::shared_ptr<FileSystem>& AttachedFileSystem() const { return fileSystem_; }
 
@@ -168,6 +175,7 @@ class Volume {
   NTSTATUS CheckTransfer(bool write, LONGLONG offset, ULONG length);
   void Record(std::string request);
   bool CompletionsHeld() const;
+  bool CompletesFromThread() const;
 
   const ULONG number_;
   Volume* const original_;
@@ -197,6 +205,7 @@ class Volume {
   std::atomic<bool> poweredOff_{true};
   bool present_ = true;     // connected (a removed volume is not, until it arrives again)
   bool started_ = false;    // its stack was started
+  bool interfaceEnabled_ = false;  // its volume interface is enabled
   bool removePending_ = false;
   std::vector<std::u16string> links_;  // mount manager links made for it
 };
