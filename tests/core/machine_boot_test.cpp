@@ -74,7 +74,7 @@ TEST_F(MachineBootTest, FiltersEveryFixedVolumeAndShadowCopyAndNothingElse) {
   Volume* c = machine.AddVolume(Lettered(u'C'));
   Volume* d = machine.AddVolume(Lettered(u'D'));
   Volume* stick = machine.AddVolume(Lettered(u'E', true));
-  Volume& shadow = machine.AddShadowCopy(*c);
+  Volume& shadow = *machine.AddShadowCopy(*c);
   kvhost::TakeDebugOutput();
   ASSERT_EQ(machine.Boot(), STATUS_SUCCESS);
 
@@ -100,7 +100,7 @@ TEST_F(MachineBootTest, FiltersEveryFixedVolumeAndShadowCopyAndNothingElse) {
   EXPECT_FALSE(CbtFlagsSet(CbtExtensionOf(FilterOf(*d)), CBT_FLAG_SNAPSHOT_DEVICE));
 
   // A shadow copy committed while the machine runs is filtered as it arrives.
-  Volume& later = machine.AddShadowCopy(*d);
+  Volume& later = *machine.AddShadowCopy(*d);
   ASSERT_NE(FilterOf(later), nullptr);
   EXPECT_EQ(CbtExtensionOf(FilterOf(later))->VolumeNumber, later.Number());
   EXPECT_NE(later.Number(), shadow.Number());
@@ -117,7 +117,7 @@ TEST_F(MachineBootTest, AScheduledDefragmentationLeavesEveryVolumeUnfiltered) {
   Machine machine(config);
   kvhost::SetRegistryDword(Machine::ServiceKeyPath(u"DefragFs"), u"Start", 0);
   Volume* c = machine.AddVolume(Lettered(u'C'));
-  Volume& shadow = machine.AddShadowCopy(*c);
+  Volume& shadow = *machine.AddShadowCopy(*c);
   ASSERT_EQ(machine.Boot(), STATUS_SUCCESS);
   EXPECT_EQ(FilterOf(*c), nullptr);
   EXPECT_EQ(FilterOf(shadow), nullptr);

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kvcbt_replies.h"
 #include "kvhost/object.h"
 #include "kvtestbed/names.h"
 
@@ -97,7 +98,7 @@ ULONG ControlOutputLength(const Step& step) {
     case IOCTL_MOUNTDEV_LINK_DELETED:
       return 0;
     default:
-      return 1024;
+      return KvcbtReplyLength(step.Code).value_or(1024);
   }
 }
 
@@ -157,6 +158,7 @@ std::string DescribeControlAnswer(const Step& step, const kvtestbed::IoResult& r
              ", bus " + BusName(d.BusType) + (d.RemovableMedia ? ", removable media" : "");
     }
     default:
+      if (std::optional<std::string> reply = DescribeKvcbtReply(step.Code, r.Data)) return *reply;
       break;
   }
   return r.Data.empty() ? std::string() : std::to_string(r.Data.size()) + " bytes: " + HexBytes(r.Data, 32);
