@@ -90,19 +90,7 @@ VOID CbtTeardownVolume(PCBT_DEVICE_EXTENSION Extension, BOOLEAN FreeName) {
     ZwClose(Extension->TrackingFileHandle);
     Extension->TrackingFileHandle = NULL;
   }
-  if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) != 0) {
-    KeWaitForSingleObject(&Extension->FileSystemMutex, Executive, KernelMode, FALSE, NULL);
-    // Checked again under the mutex: another teardown may have dropped the reader meanwhile.
-    if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) != 0) {
-      if (Extension->FileSystemType == CBT_FILE_SYSTEM_NTFS)
-        NtfsUninitialize(&Extension->FileSystemContext.Ntfs);
-      else if (Extension->FileSystemType == CBT_FILE_SYSTEM_REFS)
-        RefsUninitialize(&Extension->FileSystemContext.Refs);
-      Extension->FileSystemType = CBT_FILE_SYSTEM_NONE;
-      CbtClearFlags(Extension, CBT_FLAG_FS_CONTEXT);
-    }
-    KeSetEvent(&Extension->FileSystemMutex, IO_NO_INCREMENT, FALSE);
-  }
+  CbtUninitializeFileSystem(Extension);
   if (Extension->TrackingBitmap.Buffer != NULL) {
     KIRQL irql;
     KeAcquireSpinLock(&Extension->BitmapLock, &irql);

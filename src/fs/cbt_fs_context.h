@@ -7,28 +7,29 @@
 #define CBT_FILE_SYSTEM_NTFS 1
 #define CBT_FILE_SYSTEM_REFS 2
 
-// The NTFS reader's state.
+// The NTFS reader's state: the volume's geometry from its boot sector, a copy of the $MFT
+// base record, and the cluster maps of $MFT and $LogFile. Zero while no volume is read.
 typedef struct _NTFS_VOLUME_CONTEXT {
-  KSEMAPHORE Lock;  // limit 1, count 1; serialises every operation on the context
+  KSEMAPHORE Lock;  // limit 1, count 1: one operation on the context at a time
   PDEVICE_OBJECT Device;  // the volume's lower device
   ULONG LogFlags;         // the volume's Flags, VolumeNumber and DriveLetter, for CbtLogEvent
   ULONG LogVolumeNumber;
   WCHAR LogDriveLetter;
-  ULONG BytesPerSector;  // the disk's sector size
+  ULONG BytesPerSector;  // the disk's
   ULONG SectorsPerCluster;
   ULONG BytesPerCluster;
   ULONG FileRecordSize;
-  LONGLONG TotalSectors;
+  LONGLONG TotalSectors;  // the boot sector's
   LONGLONG TotalClusters;
-  LONGLONG VolumeLength;
-  PVOID MftRecord;  // copy of the $MFT base record, FileRecordSize bytes of paged pool
+  LONGLONG VolumeLength;  // bytes, from the disk
+  PVOID MftRecord;        // the $MFT base record, FileRecordSize bytes
   UCHAR MftHasAttributeList;
   UCHAR Initialized;  // MftMcb is valid
   LONGLONG MftLcn;
   LONGLONG MftOffset;
-  LARGE_MCB MftMcb;  // VCN to LCN of $MFT
+  LARGE_MCB MftMcb;  // VCN -> LCN of $MFT
   UCHAR LogFileMcbValid;
-  LARGE_MCB LogFileMcb;  // VCN to LCN of $LogFile
+  LARGE_MCB LogFileMcb;  // VCN -> LCN of $LogFile
 } NTFS_VOLUME_CONTEXT, *PNTFS_VOLUME_CONTEXT;
 
 // The ReFS reader's state.
@@ -57,3 +58,7 @@ typedef union _CBT_FILE_SYSTEM_CONTEXT {
   NTFS_VOLUME_CONTEXT Ntfs;
   REFS_VOLUME_CONTEXT Refs;
 } CBT_FILE_SYSTEM_CONTEXT, *PCBT_FILE_SYSTEM_CONTEXT;
+
+// The reader's state in a volume's context.
+FORCEINLINE PNTFS_VOLUME_CONTEXT CbtNtfsContext(PCBT_FILE_SYSTEM_CONTEXT Context) { return &Context->Ntfs; }
+FORCEINLINE PREFS_VOLUME_CONTEXT CbtRefsContext(PCBT_FILE_SYSTEM_CONTEXT Context) { return &Context->Refs; }

@@ -29,6 +29,19 @@ IO_WORKITEM_ROUTINE CbtWriteWorkItem;
 // lower driver's status.
 NTSTATUS CbtWriteWorkerStageTwo(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);
 
-// Ends one hold of the volume's writes and, with the last one, sends the held writes
-// through the dispatch again.
+// Holds the volume's writes: until the matching CbtResumeVolumeIo, writes (and copy-data
+// requests) are queued instead of processed. Holds are counted; any IRQL up to
+// DISPATCH_LEVEL.
+VOID CbtHoldVolumeIo(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension);
+
+// While the volume is held, queues the request behind those held before it: marks it
+// pending and links it through its driver-context area; the request keeps its removal
+// protection. Returns the hold count it was queued under (the caller then returns
+// STATUS_PENDING and no longer touches the request), or 0 when the volume flows and the
+// request was not queued. Any IRQL up to DISPATCH_LEVEL.
+ULONG CbtQueueHeldRequest(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension, _Inout_ PIRP Irp);
+
+// Ends one hold and, with the last one, sends the held requests through the driver's
+// dispatch again in arrival order, each first giving back the removal protection it held.
+// The caller holds removal protection of its own across the call. PASSIVE_LEVEL.
 VOID CbtResumeVolumeIo(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension);

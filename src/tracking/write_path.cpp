@@ -1,11 +1,104 @@
-// The write path of a tracked volume.
+// The write path of a tracked volume: every write that reaches the filter is held while
+// the volume is frozen, and otherwise marked in the change bitmap before it goes down.
 //
-// Seam: until the bitmap and the hold exist, a write only travels under removal protection
-// and is counted as untracked, as a write to a volume without a file-system reader is.
+// The first stage runs in the caller's thread at up to DISPATCH_LEVEL and never blocks.
+// The second stage (watching the file system's restart or checkpoint writes, marking, and
+// flushing the tracking file when such a count changed) may wait, so it runs inline only
+// below DISPATCH_LEVEL with room left on the stack, and otherwise on a critical work item
+// whose context comes from the lookaside list. A write that can be neither marked inline
+// nor deferred fails: a write that reached the disk unmarked would be a change the backup
+// never sees.
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_dispatch.h"
 #include "driver/cbt_removal_protection.h"
+#include "fs/cbt_fs.h"
+#include "trackfile/cbt_trackfile.h"
 #include "tracking/cbt_tracking.h"
+
+namespace {
+
+// Stage two may wait, map and flush; below this much stack it goes to a worker thread.
+constexpr ULONG_PTR kInlineStageTwoStackBytes = 4096;
+
+// A write's data mapped for the file-system reader, without a bug check when no mapping
+// is to be had.
+constexpr ULONG kReaderMappingPriority = NormalPagePriority | MdlMappingNoExecute;
+
+NTSTATUS CompleteWrite(PIRP Irp, NTSTATUS Status) {
+  Irp->IoStatus.Status = Status;
+  Irp->IoStatus.Information = 0;
+  IoCompleteRequest(Irp, IO_NO_INCREMENT);
+  return Status;
+}
+
+// TRUE when the write carries a file-system restart or checkpoint count other than the one
+// last seen, which then becomes LastRestartCount.
+//
+// The reader is used only under FileSystemMutex, which every teardown of the reader takes
+// too: a removal, an offline or a boot-sector teardown racing this write can neither free
+// the reader under the call nor leave it half torn down, and the context flag is read again
+// under the mutex so a reader that went meanwhile is not called at all.
+BOOLEAN WriteChangesRestartCount(PCBT_DEVICE_EXTENSION Extension, PIRP Irp, LONGLONG ByteOffset) {
+  BOOLEAN changed = FALSE;
+  KeWaitForSingleObject(&Extension->FileSystemMutex, Executive, KernelMode, FALSE, NULL);
+  if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) != 0) {
+    if (Extension->FileSystemType == CBT_FILE_SYSTEM_NTFS) {
+      ULONG count = 0;
+      if (NtfsIsLogFileRestartCountIrp(CbtNtfsContext(&Extension->FileSystemContext), Irp, &count) &&
+          count != Extension->LastRestartCount) {
+        Extension->LastRestartCount = count;
+        changed = TRUE;
+      }
+    } else if (Extension->FileSystemType == CBT_FILE_SYSTEM_REFS && Irp->MdlAddress != NULL) {
+      // Data that cannot be mapped is taken for a write that touches no checkpoint.
+      PVOID data = MmGetSystemAddressForMdlSafe(Irp->MdlAddress, kReaderMappingPriority);
+      PREFS_VOLUME_CONTEXT refs = &Extension->FileSystemContext.Refs;
+      if (data != NULL && RefsIsWriteToCheckpoint(refs, data, static_cast<ULONGLONG>(ByteOffset))) {
+        const ULONG count = static_cast<ULONG>(refs->CheckpointCount);
+        if (count != Extension->LastRestartCount) {
+          Extension->LastRestartCount = count;
+          changed = TRUE;
+        }
+      }
+    }
+  }
+  KeSetEvent(&Extension->FileSystemMutex, IO_NO_INCREMENT, FALSE);
+  return changed;
+}
+
+// The tracking file takes the new restart or checkpoint count in its header, and the
+// write's new bits in its entries, before the metadata write itself reaches the volume.
+VOID FlushForRestartCount(PCBT_DEVICE_EXTENSION Extension, BOOLEAN NewBits) {
+  // Interlocked even under Lock: other bits of Flags change without it.
+  KIRQL irql;
+  KeAcquireSpinLock(&Extension->Lock, &irql);
+  CbtSetFlags(Extension, CBT_FLAG_FLUSH_METADATA | (NewBits ? CBT_FLAG_BITMAP_DIRTY : 0));
+  KeReleaseSpinLock(&Extension->Lock, irql);
+  const NTSTATUS status =
+      CbtFlushTrackingFile(Extension, (CbtReadFlags(Extension) & CBT_FLAG_SHUTDOWN) != 0, FALSE);
+  if (!NT_SUCCESS(status)) CBT_LOG_VOLUME(Extension, "CbtWriteWorkerStageTwo", status);
+}
+
+// Stage two on a critical work item, for a write that arrived at DISPATCH_LEVEL or short of
+// stack. The write carries its removal protection to the worker.
+NTSTATUS DeferStageTwo(PDEVICE_OBJECT DeviceObject, PCBT_DEVICE_EXTENSION Extension, PIRP Irp) {
+  PCBT_WORK_CONTEXT context =
+      static_cast<PCBT_WORK_CONTEXT>(ExAllocateFromNPagedLookasideList(&Extension->DriverExtension->WorkItemLookaside));
+  if (context == NULL) {
+    CbtReleaseRemovalProtection(DeviceObject);
+    return CompleteWrite(Irp, STATUS_INSUFFICIENT_RESOURCES);
+  }
+  RtlZeroMemory(context, CBT_WORK_CONTEXT_HEADER_SIZE);
+  context->Type = CbtWorkWriteStageTwo;
+  context->DeviceExtension = Extension;
+  context->Irp = Irp;
+  IoMarkIrpPending(Irp);
+  IoInitializeWorkItem(DeviceObject, CbtWorkContextItem(context));
+  IoQueueWorkItem(CbtWorkContextItem(context), CbtWriteWorkItem, CriticalWorkQueue, context);
+  return STATUS_PENDING;
+}
+
+}  // namespace
 
 NTSTATUS CbtDispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   PCBT_DEVICE_EXTENSION extension = CbtExtensionOf(DeviceObject);
@@ -14,11 +107,38 @@ NTSTATUS CbtDispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   if (state != CbtRemovalActive) {
     CBT_LOG_VOLUME(extension, "CbtDispatchWrite", STATUS_DEVICE_NOT_CONNECTED);
     if (state == CbtRemovalPending) CbtReleaseRemovalProtection(DeviceObject);
-    Irp->IoStatus.Status = STATUS_DEVICE_NOT_CONNECTED;
-    IoCompleteRequest(Irp, IO_NO_INCREMENT);
-    return STATUS_DEVICE_NOT_CONNECTED;
+    return CompleteWrite(Irp, STATUS_DEVICE_NOT_CONNECTED);
   }
-  return CbtWriteWorkerStageTwo(DeviceObject, Irp);
+
+  // Once queued, the write may be let go and finished by another thread, and the volume
+  // may go with it: its record is made from what was read before.
+  const ULONG flags = CbtReadFlags(extension);
+  const ULONG volumeNumber = extension->VolumeNumber;
+  const WCHAR driveLetter = extension->DriveLetter;
+  const ULONG holdCount = CbtQueueHeldRequest(extension, Irp);
+  if (holdCount != 0) {
+    CbtLogEvent(flags, volumeNumber, driveLetter, "CbtDispatchWrite", __LINE__, holdCount);
+    return STATUS_PENDING;
+  }
+
+  if ((flags & (CBT_FLAG_READ_ONLY | CBT_FLAG_SNAPSHOT_DEVICE)) == (CBT_FLAG_READ_ONLY | CBT_FLAG_SNAPSHOT_DEVICE)) {
+    // A read-only shadow copy has nothing to track; what the volume below makes of the
+    // write is its own affair.
+    CBT_LOG_VOLUME(extension, "CbtDispatchWrite", STATUS_INVALID_DEVICE_STATE);
+    CbtReleaseRemovalProtection(DeviceObject);
+    return CbtDispatchPassThrough(DeviceObject, Irp);
+  }
+  if ((flags & (CBT_FLAG_ONLINE | CBT_FLAG_FILE_SYSTEM_READABLE)) == 0) {
+    // Written before the volume came online: whatever is tracked from here on cannot vouch
+    // for the period, until tracking is switched on again.
+    CBT_LOG_VOLUME(extension, "CbtDispatchWrite", STATUS_FILE_CORRUPT_ERROR);
+    CbtClearFlags(extension, CBT_FLAG_TRACKING_VALID);
+  }
+  if ((flags & CBT_FLAG_WRITTEN) == 0) CbtSetFlags(extension, CBT_FLAG_WRITTEN);
+
+  if (KeGetCurrentIrql() < DISPATCH_LEVEL && IoGetRemainingStackSize() >= kInlineStageTwoStackBytes)
+    return CbtWriteWorkerStageTwo(DeviceObject, Irp);
+  return DeferStageTwo(DeviceObject, extension, Irp);
 }
 
 VOID CbtWriteWorkItem(PDEVICE_OBJECT DeviceObject, PVOID Context) {
@@ -33,7 +153,28 @@ VOID CbtWriteWorkItem(PDEVICE_OBJECT DeviceObject, PVOID Context) {
 }
 
 NTSTATUS CbtWriteWorkerStageTwo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-  InterlockedIncrement64(&CbtExtensionOf(DeviceObject)->UntrackedWriteCount);
+  PCBT_DEVICE_EXTENSION extension = CbtExtensionOf(DeviceObject);
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  const LONGLONG byteOffset = stack->Parameters.Write.ByteOffset.QuadPart;
+
+  if (byteOffset == 0 && CbtFlagsSet(extension, CBT_FLAG_LOCKED | CBT_FLAG_FS_CONTEXT)) {
+    // A new boot sector on a locked volume: the file system is being replaced (formatted or
+    // converted), so the reader's picture of it is stale. Writes go untracked until the file
+    // system is initialised again.
+    CBT_LOG_VOLUME(extension, "CbtWriteWorkerStageTwo", STATUS_FAIL_CHECK);
+    CbtUninitializeFileSystem(extension);
+  }
+
+  if ((CbtReadFlags(extension) & CBT_FLAG_FS_CONTEXT) != 0) {
+    const BOOLEAN changed = WriteChangesRestartCount(extension, Irp, byteOffset);
+    const BOOLEAN newBits = CbtSetBitsInTrackingBitmap(extension, byteOffset, stack->Parameters.Write.Length,
+                                                       (Irp->Flags & IRP_PAGING_IO) != 0);
+    if (changed && (CbtReadFlags(extension) & CBT_FLAG_TRACKING_FILE_READY) != 0)
+      FlushForRestartCount(extension, newBits);
+  } else {
+    InterlockedIncrement64(&extension->UntrackedWriteCount);
+  }
+
   CbtReleaseRemovalProtection(DeviceObject);
   return CbtDispatchPassThrough(DeviceObject, Irp);
 }

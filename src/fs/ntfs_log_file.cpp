@@ -1,0 +1,154 @@
+// The $LogFile restart count: how often NTFS has opened the volume's log. Read from disk
+// once when the file system is initialised, and followed afterwards in the restart pages
+// NTFS writes, which pass this driver on their way to the disk.
+#include "fs/cbt_ntfs.h"
+
+namespace {
+
+// Bytes of a restart page header that the walk and the write-side check read.
+constexpr ULONG kRestartHeaderBytes = sizeof(LFS_RESTART_PAGE_HEADER);
+
+// Records a write-side refusal with the volume's values when the reader state is given.
+VOID LogWriteCheck(PNTFS_VOLUME_CONTEXT Context, NTSTATUS Status) {
+  if (Context != NULL)
+    NTFS_LOG(Context, "NtfsIsLogFileRestartCountIrp", Status);
+  else
+    CBT_LOG_DRIVER("NtfsIsLogFileRestartCountIrp", Status);
+}
+
+bool IsRestartSignature(ULONG Signature) {
+  return Signature == LFS_SIGNATURE_RESTART_PAGE || Signature == LFS_SIGNATURE_CHKDSK_PAGE;
+}
+
+// Builds LogFileMcb from every $DATA attribute of $LogFile's record.
+NTSTATUS MapLogFile(PNTFS_VOLUME_CONTEXT Context, PVOID Record, PNTFS_ATTRIBUTE_CONTEXT Search) {
+  FsRtlInitializeLargeMcb(&Context->LogFileMcb, PagedPool);
+  // From here on NtfsUninitialize releases the map, whatever becomes of this query.
+  Context->LogFileMcbValid = TRUE;
+  NTSTATUS status;
+  for (;;) {
+    PATTRIBUTE_RECORD_HEADER data = NULL;
+    status = NtfsFindResidentAttribute(Context, Record, NTFS_DATA, Search, &data);
+    if (!NT_SUCCESS(status)) break;
+    if (data->FormCode == NTFS_RESIDENT_FORM) {
+      status = STATUS_FILE_CORRUPT_ERROR;
+      break;
+    }
+    const USHORT pairsOffset = data->Form.Nonresident.MappingPairsOffset;
+    status = NtfsAddMappingPairsToMcb(Context, &Context->LogFileMcb, reinterpret_cast<PUCHAR>(data) + pairsOffset,
+                                      data->RecordLength - pairsOffset, data->Form.Nonresident.LowestVcn);
+    if (!NT_SUCCESS(status)) break;
+  }
+  return status == STATUS_NOT_FOUND ? STATUS_SUCCESS : status;
+}
+
+// Bytes of $LogFile by its map (holes included); 0 when the map is empty or the file does
+// not fit 32 bits.
+ULONG LogFileSize(PNTFS_VOLUME_CONTEXT Context) {
+  ULONGLONG size = 0;
+  LONGLONG vcn, lcn, clusters;
+  for (ULONG index = 0; FsRtlGetNextLargeMcbEntry(&Context->LogFileMcb, index, &vcn, &lcn, &clusters); ++index) {
+    // Stops as soon as the size is out of range, before the sum could overflow.
+    if (static_cast<ULONGLONG>(clusters) > MAXULONG / Context->BytesPerCluster) return 0;
+    size += static_cast<ULONGLONG>(clusters) * Context->BytesPerCluster;
+    if (size > MAXULONG) return 0;
+  }
+  return static_cast<ULONG>(size);
+}
+
+// The restart count of the log's restart pages, up to the first log record page.
+NTSTATUS ReadRestartCount(PNTFS_VOLUME_CONTEXT Context, PUCHAR Data, ULONG Size, PULONG Count) {
+  ULONG count = 0;
+  LONGLONG bestLsn = 0;
+  for (ULONG offset = 0; offset < Size; offset += LFS_PAGE_SIZE) {
+    PUCHAR page = Data + offset;
+    const ULONG pageBytes = Size - offset < LFS_PAGE_SIZE ? Size - offset : LFS_PAGE_SIZE;
+    // A tail shorter than a page header holds no restart page.
+    if (pageBytes < kRestartHeaderBytes) break;
+    const PLFS_RESTART_PAGE_HEADER header = reinterpret_cast<PLFS_RESTART_PAGE_HEADER>(page);
+    const ULONG signature = header->MultiSectorHeader.Signature;
+    if (signature == LFS_SIGNATURE_RECORD_PAGE) break;
+    if (!IsRestartSignature(signature)) continue;
+    if (header->MultiSectorHeader.UpdateSequenceArrayCount != 0) {
+      NTSTATUS status = NtfsApplyUpdateSequence(page, pageBytes);
+      if (!NT_SUCCESS(status)) return status;
+    }
+    const ULONG areaOffset = header->RestartOffset;
+    if ((areaOffset & 7) != 0) return STATUS_FILE_CORRUPT_ERROR;
+    // The restart area must lie in the log as read; its count is not read from beyond it.
+    if (static_cast<ULONGLONG>(offset) + areaOffset + sizeof(LFS_RESTART_AREA) > Size) return STATUS_FILE_CORRUPT_ERROR;
+    const PLFS_RESTART_AREA area = reinterpret_cast<PLFS_RESTART_AREA>(page + areaOffset);
+    if (count == 0) {
+      count = area->RestartLogOpenCount;
+      bestLsn = area->CurrentLsn;
+    } else if (area->CurrentLsn > bestLsn) {
+      count = area->RestartLogOpenCount;
+    }
+  }
+  *Count = count;
+  return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+NTSTATUS NtfsQueryLogFileRestartCount(PNTFS_VOLUME_CONTEXT Context, PULONG Count) {
+  KeWaitForSingleObject(&Context->Lock, Executive, KernelMode, FALSE, NULL);
+  if (Context->LogFileMcbValid) {
+    KeReleaseSemaphore(&Context->Lock, IO_NO_INCREMENT, 1, FALSE);
+    return NTFS_STATUS_LOG_FILE_ALREADY_READ;
+  }
+
+  NTFS_ATTRIBUTE_CONTEXT search;
+  NtfsInitAttributeContext(&search);
+  NTFS_MAPPED_STREAM stream = {};
+  NTSTATUS status = STATUS_SUCCESS;
+  PVOID record = ExAllocatePoolWithTag(PagedPool, Context->FileRecordSize, NTFS_POOL_TAG);
+  if (record == NULL) status = STATUS_INSUFFICIENT_RESOURCES;
+  if (NT_SUCCESS(status)) status = NtfsReadFileRecord(Context, NTFS_LOG_FILE_REFERENCE, record);
+  if (NT_SUCCESS(status)) status = MapLogFile(Context, record, &search);
+  ULONG size = 0;
+  if (NT_SUCCESS(status)) {
+    size = LogFileSize(Context);
+    if (size == 0) status = STATUS_FILE_CORRUPT_ERROR;
+  }
+  if (NT_SUCCESS(status)) status = NtfsMapStream(Context, &Context->LogFileMcb, 0, size, &stream);
+  ULONG count = 0;
+  if (NT_SUCCESS(status)) status = ReadRestartCount(Context, stream.Data, size, &count);
+  if (NT_SUCCESS(status))
+    *Count = count;
+  else
+    NTFS_LOG(Context, "NtfsQueryLogFileRestartCount", status);
+
+  NtfsFreeMappedStream(&stream);
+  NtfsFreeAttributeContext(&search);
+  if (record != NULL) ExFreePoolWithTag(record, NTFS_POOL_TAG);
+  KeReleaseSemaphore(&Context->Lock, IO_NO_INCREMENT, 1, FALSE);
+  return status;
+}
+
+BOOLEAN NtfsIsLogFileRestartCountIrp(PNTFS_VOLUME_CONTEXT Context, PIRP Irp, PULONG Count) {
+  if (Irp == NULL || Irp->MdlAddress == NULL || Count == NULL) {
+    LogWriteCheck(Context, STATUS_INVALID_PARAMETER);
+    return FALSE;
+  }
+  *Count = 0;
+  PMDL mdl = Irp->MdlAddress;
+  PUCHAR data = static_cast<PUCHAR>(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority | MdlMappingNoExecute));
+  if (data == NULL) {
+    LogWriteCheck(Context, STATUS_INSUFFICIENT_RESOURCES);
+    return FALSE;
+  }
+  // Only the bytes the write carries are looked at: a short write that begins like a
+  // restart page is not read past its end.
+  const ULONG bytes = MmGetMdlByteCount(mdl);
+  if (bytes < kRestartHeaderBytes) return FALSE;
+  const PLFS_RESTART_PAGE_HEADER header = reinterpret_cast<PLFS_RESTART_PAGE_HEADER>(data);
+  if (!IsRestartSignature(header->MultiSectorHeader.Signature) || header->SystemPageSize != LFS_PAGE_SIZE) return FALSE;
+  const ULONG areaOffset = header->RestartOffset;
+  if (areaOffset >= LFS_PAGE_SIZE || (areaOffset & 7) != 0 || areaOffset + sizeof(LFS_RESTART_AREA) > bytes)
+    return FALSE;
+  const PLFS_RESTART_AREA area = reinterpret_cast<PLFS_RESTART_AREA>(data + areaOffset);
+  *Count = area->RestartLogOpenCount;
+  area->Flags = static_cast<USHORT>(area->Flags & ~LFS_RESTART_AREA_CLEAN);
+  return TRUE;
+}

@@ -1,0 +1,295 @@
+// The NTFS reader on real volumes made by mkntfs: geometry, label and restart count agree
+// with what libntfs-3g reads from the same image; volumes that are not NTFS are refused;
+// failing disks and pool leave nothing behind.
+#include <string>
+
+#include "fs/cbt_ntfs.h"
+#include "fs_volume.h"
+#include "kvhost/pool.h"
+#include "kvhost/object.h"
+
+namespace kvfs {
+namespace {
+
+std::u16string LabelOf(const UNICODE_STRING& name) {
+  return std::u16string(reinterpret_cast<const char16_t*>(name.Buffer), name.Length / sizeof(WCHAR));
+}
+
+class NtfsVolumeTest : public FsMachineTest {
+ protected:
+  // Reads the volume with a fresh context; the context is torn down by the test.
+  NTSTATUS Initialize(kvtestbed::Volume* volume) {
+    return NtfsInitialize(volume->Device(), 0x10, volume->Number(), u'E', &context_);
+  }
+
+  NTFS_VOLUME_CONTEXT context_ = {};
+};
+
+struct FixtureCase {
+  NtfsImageSpec Spec;
+  const char* Name;
+};
+
+class NtfsFixtureTest : public NtfsVolumeTest, public testing::WithParamInterface<FixtureCase> {};
+
+TEST_P(NtfsFixtureTest, GeometryLabelAndRestartCountAgreeWithTheImage) {
+  const NtfsImageSpec& spec = GetParam().Spec;
+  const std::string image = NtfsImage(spec);
+  ASSERT_FALSE(image.empty());
+  const VolumeGeometry expected = ReadVolumeGeometry(image);
+  kvtestbed::Volume* volume = BootOne({.Image = image, .SectorSize = spec.SectorSize}, false);
+
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  EXPECT_TRUE(context_.Initialized);
+  EXPECT_EQ(context_.Device, volume->Device());
+  EXPECT_EQ(context_.BytesPerSector, spec.SectorSize);
+  EXPECT_EQ(context_.BytesPerCluster, expected.ClusterSize);
+  EXPECT_EQ(context_.SectorsPerCluster, expected.ClusterSize / spec.SectorSize);
+  EXPECT_EQ(context_.FileRecordSize, expected.FileRecordSize);
+  EXPECT_EQ(context_.TotalClusters, expected.TotalClusters);
+  EXPECT_EQ(context_.MftLcn, expected.MftLcn);
+  EXPECT_EQ(context_.MftOffset, expected.MftLcn * expected.ClusterSize);
+  EXPECT_EQ(static_cast<uint64_t>(context_.VolumeLength), spec.SizeBytes);
+  EXPECT_EQ(context_.MftHasAttributeList, spec.MftAttributeList ? 1 : 0);
+
+  UNICODE_STRING label;
+  ASSERT_EQ(NtfsQueryVolumeName(&context_, &label), STATUS_SUCCESS);
+  EXPECT_EQ(kvhost::ToUtf8(LabelOf(label)), expected.Label);
+  EXPECT_EQ(kvhost::ToUtf8(LabelOf(label)), spec.Label);
+  if (label.Buffer != nullptr) ExFreePoolWithTag(label.Buffer, NTFS_POOL_TAG);
+
+  // mkntfs leaves the log reset: no restart page, count 0.
+  ULONG count = 99;
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_SUCCESS);
+  EXPECT_EQ(count, 0u);
+  EXPECT_TRUE(context_.LogFileMcbValid);
+  NtfsUninitialize(&context_);
+  EXPECT_FALSE(context_.Initialized);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fixtures, NtfsFixtureTest,
+    testing::Values(FixtureCase{{.SectorSize = 512, .ClusterSize = 512, .Label = "Small"}, "Sector512Cluster512"},
+                    FixtureCase{{.SectorSize = 512, .ClusterSize = 4096, .Label = "Data"}, "Sector512Cluster4K"},
+                    FixtureCase{{.SectorSize = 512, .ClusterSize = 65536, .Label = "Big clusters"},
+                                "Sector512Cluster64K"},
+                    FixtureCase{{.SectorSize = 4096, .ClusterSize = 4096, .Label = "Native4K"}, "Sector4KCluster4K"},
+                    FixtureCase{{.SectorSize = 4096, .ClusterSize = 65536}, "Sector4KCluster64KNoLabel"},
+                    FixtureCase{{.SizeBytes = 24ull << 20, .ClusterSize = 512, .Label = "Fragmented",
+                                 .MftAttributeList = true},
+                                "MftAttributeList"}),
+    [](const testing::TestParamInfo<FixtureCase>& info) { return std::string(info.param.Name); });
+
+// Records beyond the first run of a fragmented $MFT are reached through the map built from
+// its attribute list, and read the same as libntfs-3g sees them (they are in use: "FILE").
+TEST_F(NtfsVolumeTest, RecordsInLaterFragmentsOfTheMftAreRead) {
+  const std::string image = NtfsImage({.SizeBytes = 24ull << 20, .ClusterSize = 512, .Label = "Fragmented",
+                                       .MftAttributeList = true});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  ULONG runs = FsRtlNumberOfRunsInLargeMcb(&context_.MftMcb);
+  EXPECT_GT(runs, 20u) << "the fixture's $MFT is fragmented";
+  LONGLONG lastVcn = 0, lastLcn = 0;
+  ASSERT_TRUE(FsRtlLookupLastLargeMcbEntry(&context_.MftMcb, &lastVcn, &lastLcn));
+  const ULONGLONG lastRecord = static_cast<ULONGLONG>(lastVcn) * context_.BytesPerCluster / context_.FileRecordSize;
+  std::vector<uint8_t> record(context_.FileRecordSize);
+  // A file made late by the fixture: far beyond the first fragment.
+  EXPECT_EQ(NtfsReadFileRecord(&context_, lastRecord - 100, record.data()), STATUS_SUCCESS);
+  EXPECT_EQ(std::string(record.begin(), record.begin() + 4), "FILE");
+  NtfsUninitialize(&context_);
+}
+
+struct RestartCase {
+  std::vector<RestartPage> Pages;
+  ULONG Expected;
+  const char* Name;
+};
+
+class NtfsRestartCountTest : public NtfsVolumeTest, public testing::WithParamInterface<RestartCase> {};
+
+TEST_P(NtfsRestartCountTest, TheRestartAreaWithTheNewerLsnGivesTheCount) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Logged"});
+  kvtestbed::Volume* volume = BootOne({.Image = image, .RestartPages = GetParam().Pages}, false);
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  ULONG count = 0xDEAD;
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_SUCCESS);
+  EXPECT_EQ(count, GetParam().Expected);
+  // Once per context: the second query leaves the count alone.
+  ULONG again = 0xBEEF;
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &again), NTFS_STATUS_LOG_FILE_ALREADY_READ);
+  EXPECT_EQ(again, 0xBEEFu);
+  NtfsUninitialize(&context_);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pages, NtfsRestartCountTest,
+    testing::Values(RestartCase{{{.Count = 7, .Lsn = 100}, {.Count = 8, .Lsn = 200}}, 8, "SecondIsNewer"},
+                    RestartCase{{{.Count = 7, .Lsn = 200}, {.Count = 8, .Lsn = 100}}, 7, "FirstIsNewer"},
+                    RestartCase{{{.Count = 7, .Lsn = 150}, {.Count = 8, .Lsn = 150}}, 7, "TieKeepsTheFirst"},
+                    RestartCase{{{.Count = 0, .Lsn = 500}, {.Count = 9, .Lsn = 100}}, 9, "ZeroCountCountsAsNone"},
+                    RestartCase{{{.Count = 5, .Lsn = 10, .Signature = "CHKD"}, {.Count = 6, .Lsn = 20}},
+                                6, "CheckDiskPage"},
+                    RestartCase{{{.Count = 4, .Lsn = 10, .AreaOffset = 0x40}, {.Count = 3, .Lsn = 5, .AreaOffset = 0x40}},
+                                4, "AreaFurtherIn"},
+                    RestartCase{{{.Count = 7, .Lsn = 100, .Signature = "RCRD"}, {.Count = 8, .Lsn = 200}}, 0,
+                                "RecordPageFirst"}),
+    [](const testing::TestParamInfo<RestartCase>& info) { return std::string(info.param.Name); });
+
+TEST_F(NtfsVolumeTest, DamagedRestartPagesAreCorruptAndTheMapStaysForTeardown) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Logged"});
+  const LogFileLayout layout = ReadLogFileLayout(image);
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+
+  // A stride whose end lost its update sequence number (a torn write).
+  std::vector<uint8_t> torn = BuildRestartPage({.Count = 3, .Lsn = 1});
+  torn[1022] ^= 0xFF;
+  // A restart area offset that is not a multiple of 8.
+  std::vector<uint8_t> misaligned = BuildRestartPage({.Count = 3, .Lsn = 1, .AreaOffset = 0x30});
+  misaligned[0x18] = 0x34;
+  for (const std::vector<uint8_t>& page : {torn, misaligned}) {
+    std::vector<std::vector<uint8_t>> pages = {page};
+    for (const ImagePiece& piece : LogFilePagePieces(layout, pages)) volume->WriteDirect(piece.Offset, piece.Data);
+    ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+    ULONG count = 77;
+    EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_FILE_CORRUPT_ERROR);
+    EXPECT_EQ(count, 77u);
+    NtfsUninitialize(&context_);
+  }
+}
+
+TEST_F(NtfsVolumeTest, VolumesThatAreNotNtfsAreUnrecognised) {
+  std::vector<kvtestbed::Volume*> volumes =
+      Boot({{.Image = FatImage(64ull << 20)}, {.Image = RandomImage(16ull << 20, 7)}}, false);
+  for (kvtestbed::Volume* volume : volumes) {
+    EXPECT_EQ(Initialize(volume), STATUS_UNRECOGNIZED_VOLUME);
+    // A failed probe leaves the context as it found no volume.
+    EXPECT_FALSE(context_.Initialized);
+    EXPECT_EQ(context_.MftRecord, nullptr);
+  }
+}
+
+// Boot sectors that claim NTFS but cannot be: each is refused before anything else is read.
+TEST_F(NtfsVolumeTest, BootSectorChecksRefuseWhatNoNtfsVolumeHas) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Data"});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  const std::vector<uint8_t> boot = volume->ReadDirect(0, 512);
+  struct Damage {
+    size_t Offset;
+    std::vector<uint8_t> Bytes;
+    const char* What;
+  };
+  const std::vector<Damage> damages = {
+      {0x0B, {0x08, 0x02}, "520 bytes per sector"},
+      {0x03, {'N', 'T', 'F', 'S', '-', ' ', ' ', ' '}, "another OEM id"},
+      {0x0E, {0x01, 0x00}, "reserved sectors"},
+      {0x10, {0x02}, "FATs"},
+      {0x20, {0x00, 0x10, 0x00, 0x00}, "32-bit sector count"},
+      {0x28, {0, 0, 0, 0, 0, 0, 0, 0x7F}, "more sectors than the disk"},
+      {0x28, {0, 0, 0, 0, 0, 0, 0, 0x80}, "negative sector count"},
+      {0x30, {0, 0, 0, 0, 0, 0, 0x10, 0}, "$MFT beyond the volume"},
+      {0x38, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "$MFTMirr before the volume"},
+      {0x40, {0xF8}, "256-byte file records"},
+      {0x40, {0x00}, "no file records"},
+      {0x40, {0x80}, "file records of 2^128 bytes"},
+      {0x0D, {0x00}, "no sectors per cluster"},
+      {0x0D, {0xE8}, "clusters larger than NTFS makes"},
+  };
+  for (const Damage& damage : damages) {
+    std::vector<uint8_t> bad = boot;
+    std::copy(damage.Bytes.begin(), damage.Bytes.end(), bad.begin() + static_cast<long>(damage.Offset));
+    volume->WriteDirect(0, bad);
+    EXPECT_EQ(Initialize(volume), STATUS_UNRECOGNIZED_VOLUME) << damage.What;
+  }
+  // Encoded sizes as NTFS writes them: 0xF4 sectors per cluster is 4,096 (too large here:
+  // 2 MiB clusters are the most), 0xF6 is a 1 KiB record.
+  std::vector<uint8_t> coded = boot;
+  coded[0x0D] = 0xF4;
+  volume->WriteDirect(0, coded);
+  EXPECT_EQ(Initialize(volume), STATUS_UNRECOGNIZED_VOLUME);
+  coded = boot;
+  coded[0x40] = 0xF6;
+  volume->WriteDirect(0, coded);
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  EXPECT_EQ(context_.FileRecordSize, 1024u);
+  NtfsUninitialize(&context_);
+}
+
+// The $MFT base record is checked before it is used: damage to it makes the volume corrupt.
+TEST_F(NtfsVolumeTest, ADamagedMftRecordIsCorrupt) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Data"});
+  const VolumeGeometry geometry = ReadVolumeGeometry(image);
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  const uint64_t mft = static_cast<uint64_t>(geometry.MftLcn) * geometry.ClusterSize;
+  const std::vector<uint8_t> record = volume->ReadDirect(mft, 1024);
+  for (size_t offset : {size_t{0}, size_t{0x1FE}, size_t{0x1C}}) {
+    std::vector<uint8_t> bad = record;
+    bad[offset] ^= 0x40;
+    volume->WriteDirect(mft, bad);
+    EXPECT_EQ(Initialize(volume), STATUS_FILE_CORRUPT_ERROR) << "byte " << offset;
+  }
+  volume->WriteDirect(mft, record);
+  EXPECT_EQ(Initialize(volume), STATUS_SUCCESS);
+  NtfsUninitialize(&context_);
+}
+
+TEST_F(NtfsVolumeTest, AFailingDiskGivesItsStatusAndALockedOneBitLockers) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Data"});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  volume->FailTransfers(STATUS_DEVICE_DATA_ERROR, 1, kvtestbed::TransferKind::Reads);
+  EXPECT_EQ(Initialize(volume), STATUS_DEVICE_DATA_ERROR);
+  volume->SetBitLockerLocked(true);
+  EXPECT_EQ(Initialize(volume), STATUS_FVE_LOCKED_VOLUME);
+  volume->SetBitLockerLocked(false);
+
+  // The label's and the log's reads fail the same way, and leave the context usable.
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  volume->FailTransfers(STATUS_IO_DEVICE_ERROR, 1, kvtestbed::TransferKind::Reads);
+  UNICODE_STRING label;
+  EXPECT_EQ(NtfsQueryVolumeName(&context_, &label), STATUS_IO_DEVICE_ERROR);
+  EXPECT_EQ(label.Buffer, nullptr);
+  volume->FailTransfers(STATUS_IO_DEVICE_ERROR, 1, kvtestbed::TransferKind::Reads);
+  ULONG count = 5;
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_IO_DEVICE_ERROR);
+  EXPECT_EQ(count, 5u);
+  NtfsUninitialize(&context_);
+}
+
+// Every allocation the reader makes can fail: each failure is STATUS_INSUFFICIENT_RESOURCES
+// and leaves no pool behind. The cluster maps are the exception: this kernel's map answers an
+// add it has no room for with FALSE, as it answers a conflicting one, and the reader takes
+// that for a map the volume's records contradict.
+TEST_F(NtfsVolumeTest, EveryAllocationFailureIsReportedAndLeavesNothing) {
+  constexpr ULONG kClusterMapTag = KV_POOL_TAG('F', 'S', 'm', 'c');
+  const std::string image = NtfsImage({.SizeBytes = 24ull << 20, .ClusterSize = 512, .Label = "Fragmented",
+                                       .MftAttributeList = true});
+  kvtestbed::Volume* volume = BootOne({.Image = image, .RestartPages = {{.Count = 2, .Lsn = 9}}}, false);
+  const unsigned long long attempts = kvhost::ForEachAllocationFailure([&](unsigned long long k) {
+    kvhost::LogAllocations(true);
+    NTSTATUS status = Initialize(volume);
+    if (NT_SUCCESS(status)) {
+      UNICODE_STRING label;
+      status = NtfsQueryVolumeName(&context_, &label);
+      if (NT_SUCCESS(status)) {
+        ExFreePoolWithTag(label.Buffer, NTFS_POOL_TAG);
+        ULONG count = 0;
+        status = NtfsQueryLogFileRestartCount(&context_, &count);
+        if (NT_SUCCESS(status)) {
+          EXPECT_EQ(count, 2u);
+        }
+      }
+      NtfsUninitialize(&context_);
+    }
+    kvhost::LogAllocations(false);
+    ULONG failedTag = 0;
+    for (const kvhost::PoolBlockInfo& attempt : kvhost::TakeAllocationLog())
+      if (attempt.Address == nullptr) failedTag = attempt.Tag;
+    const NTSTATUS expected = k == 0                        ? STATUS_SUCCESS
+                              : failedTag == kClusterMapTag ? STATUS_FILE_CORRUPT_ERROR
+                                                            : STATUS_INSUFFICIENT_RESOURCES;
+    EXPECT_EQ(status, expected) << "allocation " << k;
+  });
+  EXPECT_GT(attempts, 20u) << "the records of a fragmented $MFT, the label and the log's map all allocate";
+}
+
+}  // namespace
+}  // namespace kvfs

@@ -1,0 +1,59 @@
+// Volumes whose writes the driver tracks, for the tests of the change bitmap and the write
+// path: a volume stacked under the driver (cbt_driver_fixture.h) and given what its file
+// system's initialisation would give it (a bitmap geometry, the bitmap, a file-system
+// context, online), so that writes sent to the top of its stack are marked.
+#pragma once
+
+#include <wdm.h>
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "cbt_driver_fixture.h"
+
+namespace kvtest {
+
+struct TrackedVolumeSpec {
+  ULONG BytesPerBit = 4096;
+  ULONG VolumeBytes = 1 << 20;
+  ULONG FileSystemType = CBT_FILE_SYSTEM_NTFS;
+  unsigned Number = 1;
+};
+
+// A write built by hand (IoAllocateIrp, an MDL over its own buffer when length is not 0)
+// and sent to `top`; the request is kept by its completion routine, which counts its
+// completions. Wait() waits for the completion and frees it. Prepare only builds it.
+struct SentWrite {
+  PIRP Irp = nullptr;
+  NTSTATUS Returned = 0;
+  KEVENT Done;
+  std::vector<uint8_t> Buffer;
+  int Completions = 0;
+  IO_STATUS_BLOCK Wait();
+};
+
+class TrackingTest : public CbtDriverTest {
+ protected:
+  void SetUp() override;
+
+  // A volume whose writes are tracked: BitCount covers the volume. The context is
+  // dropped, and the bitmap freed, by the volume's removal at the end of the test.
+  Volume& AddTrackedVolume(const TrackedVolumeSpec& spec = {});
+
+  // The indices of the set bits.
+  static std::set<ULONG> SetBits(const CBT_DEVICE_EXTENSION* extension);
+
+  // A write of `length` bytes at `offset` through the top of the stack, waited for.
+  static Transferred Write(PDEVICE_OBJECT top, LONGLONG offset, ULONG length);
+
+  // A write (SentWrite) built, or built and sent to `top`.
+  static void Prepare(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags = 0);
+  static void Send(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags = 0);
+
+  // Records with this text, queued so far.
+  static std::vector<CBT_LOG_RECORD_BODY> RecordsOf(const std::string& text);
+};
+
+}  // namespace kvtest
