@@ -51,6 +51,14 @@ FORCEINLINE PIO_WORKITEM CbtWorkContextItem(PCBT_WORK_CONTEXT Context) {
   return reinterpret_cast<PIO_WORKITEM>(Context->WorkItem);
 }
 
+// Carries a request, with the removal protection it holds, to Routine on a critical work
+// item whose CBT_WORK_CONTEXT of the given type comes from WorkItemLookaside: the request is
+// marked pending and STATUS_PENDING returned. Without a context the protection is given
+// back and the request completed with STATUS_INSUFFICIENT_RESOURCES, which is returned.
+// Any IRQL up to DISPATCH_LEVEL.
+NTSTATUS CbtDeferToCriticalWorkItem(_In_ PDEVICE_OBJECT DeviceObject, _In_ struct _CBT_DEVICE_EXTENSION* Extension,
+                                    _Inout_ PIRP Irp, _In_ CBT_WORK_TYPE Type, _In_ PIO_WORKITEM_ROUTINE Routine);
+
 // ---------------------------------------------------------------------------------------
 // Driver-wide globals. DriverEntry zeroes them itself: the image may be loaded again into
 // memory that an earlier instance used.

@@ -32,20 +32,7 @@ BOOLEAN ReadOverlapsTrackingFile(const CBT_DEVICE_EXTENSION* Extension, LONGLONG
 // waits and file access, so it continues on a critical work item that carries the read
 // and its removal protection.
 NTSTATUS DeferSnapshotRead(PDEVICE_OBJECT DeviceObject, PCBT_DEVICE_EXTENSION Extension, PIRP Irp) {
-  PCBT_WORK_CONTEXT context =
-      static_cast<PCBT_WORK_CONTEXT>(ExAllocateFromNPagedLookasideList(&Extension->DriverExtension->WorkItemLookaside));
-  if (context == NULL) {
-    CbtReleaseRemovalProtection(DeviceObject);
-    return CompleteRequest(Irp, STATUS_INSUFFICIENT_RESOURCES);
-  }
-  RtlZeroMemory(context, CBT_WORK_CONTEXT_HEADER_SIZE);
-  context->Type = CbtWorkSnapshotRead;
-  context->DeviceExtension = Extension;
-  context->Irp = Irp;
-  IoMarkIrpPending(Irp);
-  IoInitializeWorkItem(DeviceObject, CbtWorkContextItem(context));
-  IoQueueWorkItem(CbtWorkContextItem(context), CbtSnapshotReadWorker, CriticalWorkQueue, context);
-  return STATUS_PENDING;
+  return CbtDeferToCriticalWorkItem(DeviceObject, Extension, Irp, CbtWorkSnapshotRead, CbtSnapshotReadWorker);
 }
 
 NTSTATUS DispatchRead(PDEVICE_OBJECT DeviceObject, PIRP Irp) {

@@ -104,9 +104,6 @@ BOOLEAN CbtSetBitsInTrackingBitmap(PCBT_DEVICE_EXTENSION Extension, LONGLONG Byt
   const ULONG remainder = ByteOffset < 0 ? 0 : static_cast<ULONG>(ByteOffset - static_cast<LONGLONG>(first) * bytesPerBit);
   ULONGLONG count = Length == 0 ? 0 : (static_cast<ULONGLONG>(remainder) + (bytesPerBit - 1) + Length) / bytesPerBit;
 
-  LARGE_INTEGER frequency;
-  const LARGE_INTEGER started = KeQueryPerformanceCounter(NULL);
-
   // The range is held against the bitmap's size under the lock: a reallocation may change
   // the size at any moment before.
   RangeFit fit = RangeFit::Inside;
@@ -123,7 +120,13 @@ BOOLEAN CbtSetBitsInTrackingBitmap(PCBT_DEVICE_EXTENSION Extension, LONGLONG Byt
   // A range of no bits (a write of no bytes, or one that starts right at the end of the
   // bitmap) sets nothing, so it is no tracked write: counting it would report a change
   // where none was made, and asking for a flush would write the tracking file for nothing.
+  //
+  // The clock is read only once the test found bits to set: a rewrite of marked blocks, the
+  // common write, then costs the lock and the test alone, and the time accumulated is the
+  // time spent changing the bitmap.
+  LARGE_INTEGER started = {};
   if (count != 0 && !RtlAreBitsSet(&Extension->TrackingBitmap, static_cast<ULONG>(first), static_cast<ULONG>(count))) {
+    started = KeQueryPerformanceCounter(NULL);
     RtlSetBits(&Extension->TrackingBitmap, static_cast<ULONG>(first), static_cast<ULONG>(count));
     newBits = TRUE;
   }
@@ -132,6 +135,7 @@ BOOLEAN CbtSetBitsInTrackingBitmap(PCBT_DEVICE_EXTENSION Extension, LONGLONG Byt
   if (fit != RangeFit::Inside) CBT_LOG_VOLUME(Extension, "CbtSetBitsInTrackingBitmap", STATUS_INVALID_PARAMETER);
   if (!newBits) return FALSE;
 
+  LARGE_INTEGER frequency;
   const LARGE_INTEGER finished = KeQueryPerformanceCounter(&frequency);
   if (PagingIo) InterlockedIncrement64(&Extension->PagingWriteCount);
   InterlockedIncrement64(&Extension->TrackedWriteCount);

@@ -79,25 +79,6 @@ VOID FlushForRestartCount(PCBT_DEVICE_EXTENSION Extension, BOOLEAN NewBits) {
   if (!NT_SUCCESS(status)) CBT_LOG_VOLUME(Extension, "CbtWriteWorkerStageTwo", status);
 }
 
-// Stage two on a critical work item, for a write that arrived at DISPATCH_LEVEL or short of
-// stack. The write carries its removal protection to the worker.
-NTSTATUS DeferStageTwo(PDEVICE_OBJECT DeviceObject, PCBT_DEVICE_EXTENSION Extension, PIRP Irp) {
-  PCBT_WORK_CONTEXT context =
-      static_cast<PCBT_WORK_CONTEXT>(ExAllocateFromNPagedLookasideList(&Extension->DriverExtension->WorkItemLookaside));
-  if (context == NULL) {
-    CbtReleaseRemovalProtection(DeviceObject);
-    return CompleteWrite(Irp, STATUS_INSUFFICIENT_RESOURCES);
-  }
-  RtlZeroMemory(context, CBT_WORK_CONTEXT_HEADER_SIZE);
-  context->Type = CbtWorkWriteStageTwo;
-  context->DeviceExtension = Extension;
-  context->Irp = Irp;
-  IoMarkIrpPending(Irp);
-  IoInitializeWorkItem(DeviceObject, CbtWorkContextItem(context));
-  IoQueueWorkItem(CbtWorkContextItem(context), CbtWriteWorkItem, CriticalWorkQueue, context);
-  return STATUS_PENDING;
-}
-
 }  // namespace
 
 NTSTATUS CbtDispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
@@ -138,7 +119,9 @@ NTSTATUS CbtDispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 
   if (KeGetCurrentIrql() < DISPATCH_LEVEL && IoGetRemainingStackSize() >= kInlineStageTwoStackBytes)
     return CbtWriteWorkerStageTwo(DeviceObject, Irp);
-  return DeferStageTwo(DeviceObject, extension, Irp);
+  // Failing is what is left when no work context is to be had: a write that reached the
+  // volume unmarked would be a change the backup never sees.
+  return CbtDeferToCriticalWorkItem(DeviceObject, extension, Irp, CbtWorkWriteStageTwo, CbtWriteWorkItem);
 }
 
 VOID CbtWriteWorkItem(PDEVICE_OBJECT DeviceObject, PVOID Context) {

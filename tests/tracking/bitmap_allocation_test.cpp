@@ -72,7 +72,7 @@ TEST_F(BitmapAllocationTest, NoBitsIsRefusedAndRecorded) {
   EXPECT_EQ(e->TrackingBitmap.Buffer, nullptr);
   std::vector<CBT_LOG_RECORD_BODY> records = RecordsOf("CbtAllocateTrackingBitMap");
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].Status, static_cast<ULONG>(STATUS_INVALID_PARAMETER));
+  EXPECT_EQ(+records[0].Status, static_cast<ULONG>(STATUS_INVALID_PARAMETER));
 }
 
 TEST_F(BitmapAllocationTest, WithoutPoolTheOldBitmapStaysInForce) {
@@ -87,7 +87,7 @@ TEST_F(BitmapAllocationTest, WithoutPoolTheOldBitmapStaysInForce) {
   EXPECT_EQ(SetBits(e), (std::set<ULONG>{7, 999}));
   std::vector<CBT_LOG_RECORD_BODY> records = RecordsOf("CbtAllocateTrackingBitMap");
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].Status, 8192u) << "the record carries the size that could not be had";
+  EXPECT_EQ(+records[0].Status, 8192u) << "the record carries the size that could not be had";
   EXPECT_TRUE(CbtSetBitsInTrackingBitmap(e, 4096 * 8, 1, FALSE)) << "marking goes on in the old bitmap";
 }
 

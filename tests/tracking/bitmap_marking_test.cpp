@@ -63,8 +63,8 @@ TEST_F(BitmapMarkingTest, ARangePastTheEndIsCutThereAndRecorded) {
   EXPECT_EQ(e->TrackedWriteBits, 1);
   std::vector<CBT_LOG_RECORD_BODY> records = RecordsOf("CbtSetBitsInTrackingBitmap");
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].Status, static_cast<ULONG>(STATUS_INVALID_PARAMETER));
-  EXPECT_EQ(records[0].VolumeNumber, 1u);
+  EXPECT_EQ(+records[0].Status, static_cast<ULONG>(STATUS_INVALID_PARAMETER));
+  EXPECT_EQ(+records[0].VolumeNumber, 1u);
 }
 
 TEST_F(BitmapMarkingTest, RangesOfNoBitsMarkNothingAndAreNoTrackedWrite) {

@@ -48,7 +48,7 @@ TEST_F(HoldResumeTest, HeldWritesWaitUnmarkedAndGoOnInArrivalOrder) {
   EXPECT_TRUE(SetBits(e).empty());
   std::vector<CBT_LOG_RECORD_BODY> records = RecordsOf("CbtDispatchWrite");
   ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(records[0].Status, 1u) << "the hold count";
+  EXPECT_EQ(+records[0].Status, 1u) << "the hold count";
 
   PIRP irps[3] = {writes[0].Irp, writes[1].Irp, writes[2].Irp};
   kvhost::TakeDebugOutput();
@@ -84,7 +84,7 @@ TEST_F(HoldResumeTest, HoldsStackAndOnlyTheLastResumeLetsTheWritesGo) {
   SentWrite write;
   Send(write, volume.Filter, 0, 4096);
   ASSERT_EQ(write.Returned, STATUS_PENDING);
-  EXPECT_EQ(RecordsOf("CbtDispatchWrite").at(0).Status, 2u);
+  EXPECT_EQ(+RecordsOf("CbtDispatchWrite").at(0).Status, 2u);
   Resume(e);
   EXPECT_EQ(HoldCount(e), 1u);
   EXPECT_EQ(LowerWrites(volume), 0) << "another holder remains";

@@ -164,7 +164,7 @@ TEST_F(WritePathTest, AReadOnlyShadowCopyPassesWritesDownUntracked) {
   EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_WRITTEN));
   std::vector<CBT_LOG_RECORD_BODY> records = RecordsOf("CbtDispatchWrite");
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].Status, static_cast<ULONG>(STATUS_INVALID_DEVICE_STATE));
+  EXPECT_EQ(+records[0].Status, static_cast<ULONG>(STATUS_INVALID_DEVICE_STATE));
 
   CbtClearFlags(e, CBT_FLAG_READ_ONLY);
   EXPECT_EQ(Write(snapshot.Filter, 0, 4096).Status.Status, STATUS_SUCCESS);
@@ -184,7 +184,7 @@ TEST_F(WritePathTest, AWriteBeforeTheFileSystemIsReadableMakesTrackingInvalidBut
   EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_TRACKING_VALID));
   std::vector<CBT_LOG_RECORD_BODY> records = RecordsOf("CbtDispatchWrite");
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].Status, static_cast<ULONG>(STATUS_FILE_CORRUPT_ERROR));
+  EXPECT_EQ(+records[0].Status, static_cast<ULONG>(STATUS_FILE_CORRUPT_ERROR));
   EXPECT_EQ(SetBits(e), (std::set<ULONG>{0, 1}));
 }
 
@@ -201,7 +201,7 @@ TEST_F(WritePathTest, ANewBootSectorOnALockedVolumeDropsTheReaderAndTrackingStop
   EXPECT_EQ(KeReadStateEvent(&e->FileSystemMutex), 1) << "the mutex is free again";
   std::vector<CBT_LOG_RECORD_BODY> records = RecordsOf("CbtWriteWorkerStageTwo");
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].Status, static_cast<ULONG>(STATUS_FAIL_CHECK));
+  EXPECT_EQ(+records[0].Status, static_cast<ULONG>(STATUS_FAIL_CHECK));
 
   EXPECT_EQ(Write(volume.Filter, 8192, 4096).Status.Status, STATUS_SUCCESS);
   EXPECT_EQ(SetBits(e), (std::set<ULONG>{1}));

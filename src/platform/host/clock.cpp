@@ -1,6 +1,7 @@
 // The machine's clock: system time, interrupt time, tick count, performance counter and the
 // shared page that carries them, following the host clock or frozen under a test's hand.
 #include <atomic>
+#include <cstdint>
 #include <chrono>
 #include <mutex>
 #include <thread>
@@ -36,6 +37,15 @@ struct ClockState {
   // clock instead of going back when the clock follows the host again.
   LONGLONG InterruptOffset = 0;
   Steady::time_point Boot = Steady::now();
+
+  // What the performance counter needs (whether frozen, the frozen interrupt time, the
+  // offset), published under a sequence count at every change, so that the counter is
+  // read without the lock: drivers read it on every request they time, from many
+  // processors at once. An odd sequence means a change is under way.
+  std::atomic<uint64_t> Sequence{0};
+  std::atomic<bool> PublishedFrozen{false};
+  std::atomic<LONGLONG> PublishedFrozenInterrupt{0};
+  std::atomic<LONGLONG> PublishedInterruptOffset{0};
 };
 
 ClockState& Clock() {
@@ -61,6 +71,24 @@ Reading Read() {
   ClockState& c = Clock();
   std::lock_guard<std::mutex> guard(c.Lock);
   return Now(c);
+}
+
+// Interrupt time as Now(c).Interrupt gives it, without the lock. A reading that overlaps a
+// change is taken again, so it is never one from before a freeze that is already in force.
+LONGLONG ReadInterruptWithoutLock() {
+  const ClockState& c = Clock();
+  for (;;) {
+    const uint64_t sequence = c.Sequence.load(std::memory_order_acquire);
+    if ((sequence & 1) != 0) {
+      std::this_thread::yield();
+      continue;
+    }
+    // Acquire loads keep the second look at the sequence after them.
+    const LONGLONG value = c.PublishedFrozen.load(std::memory_order_acquire)
+                               ? c.PublishedFrozenInterrupt.load(std::memory_order_acquire)
+                               : RawHostInterrupt(c) + c.PublishedInterruptOffset.load(std::memory_order_acquire);
+    if (c.Sequence.load(std::memory_order_relaxed) == sequence) return value;
+  }
 }
 
 // What Windows shows between clock ticks: the value at the last tick. A frozen clock shows
@@ -114,7 +142,15 @@ void ChangeClock(Change&& change) {
   ClockState& c = Clock();
   {
     std::lock_guard<std::mutex> guard(c.Lock);
+    // Odd before the change reads the host clock, so that a reading taken after the change
+    // began is taken again; the published values are release stores that cannot be seen
+    // before the odd count.
+    const uint64_t sequence = c.Sequence.fetch_add(1, std::memory_order_seq_cst);
     change(c);
+    c.PublishedFrozen.store(c.Frozen, std::memory_order_release);
+    c.PublishedFrozenInterrupt.store(c.FrozenAt.Interrupt, std::memory_order_release);
+    c.PublishedInterruptOffset.store(c.InterruptOffset, std::memory_order_release);
+    c.Sequence.store(sequence + 2, std::memory_order_release);
     PublishShared(c);
   }
   kvhost::detail::WakeTimedWaiters();
@@ -254,7 +290,7 @@ ULONG KeQueryTimeIncrement(VOID) { return kTimeIncrement; }
 LARGE_INTEGER KeQueryPerformanceCounter(PLARGE_INTEGER PerformanceFrequency) {
   if (PerformanceFrequency != nullptr) PerformanceFrequency->QuadPart = kPerformanceFrequency;
   LARGE_INTEGER counter;
-  counter.QuadPart = Read().Interrupt;
+  counter.QuadPart = ReadInterruptWithoutLock();
   return counter;
 }
 

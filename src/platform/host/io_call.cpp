@@ -34,7 +34,7 @@ void CaptureCopyBackLimit(IrpHeader* header, PIO_STACK_LOCATION sp) {
 void ClearStackLocation(PIO_STACK_LOCATION sp) {
   sp->MinorFunction = 0;
   sp->Flags = 0;
-  sp->Control = 0;
+  __atomic_store_n(&sp->Control, 0, __ATOMIC_RELEASE);  // read by the dispatching thread meanwhile
   sp->Parameters.Others.Argument1 = nullptr;
   sp->Parameters.Others.Argument2 = nullptr;
   sp->Parameters.Others.Argument3 = nullptr;
@@ -169,8 +169,9 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   }
   // Windows trusts a STATUS_PENDING only from a routine whose location is marked pending:
   // the completion walk then knows the request finishes asynchronously. Without a mark now,
-  // the verdict belongs to the walk, unless it has gone past already.
-  if (status == STATUS_PENDING && !(sp->Control & SL_PENDING_RETURNED)) {
+  // the verdict belongs to the walk, unless it has gone past already. The walk may be
+  // clearing this location in another thread meanwhile, so the mark is read atomically.
+  if (status == STATUS_PENDING && !(__atomic_load_n(&sp->Control, __ATOMIC_ACQUIRE) & SL_PENDING_RETURNED)) {
     header->AwaitingMark.Set(location);
     if (header->WalkPassed.Test(location) && header->AwaitingMark.Take(location) &&
         !header->PendingSeen.Test(location))

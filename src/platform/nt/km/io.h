@@ -964,7 +964,11 @@ FORCEINLINE VOID IoSetCompletionRoutine(_In_ PIRP Irp, _In_opt_ PIO_COMPLETION_R
   if (InvokeOnCancel) irpSp->Control |= SL_INVOKE_ON_CANCEL;
 }
 
-FORCEINLINE VOID IoMarkIrpPending(_Inout_ PIRP Irp) { IoGetCurrentIrpStackLocation(Irp)->Control |= SL_PENDING_RETURNED; }
+// Interlocked: a completion routine may mark its location in the completing thread while
+// the I/O manager, in the thread that dispatched the request, looks at the same location.
+FORCEINLINE VOID IoMarkIrpPending(_Inout_ PIRP Irp) {
+  InterlockedOr8((CHAR volatile*)&IoGetCurrentIrpStackLocation(Irp)->Control, (CHAR)SL_PENDING_RETURNED);
+}
 
 FORCEINLINE PDRIVER_CANCEL IoSetCancelRoutine(_Inout_ PIRP Irp, _In_opt_ PDRIVER_CANCEL CancelRoutine) {
   return (PDRIVER_CANCEL)InterlockedExchangePointer((PVOID volatile*)&Irp->CancelRoutine, (PVOID)CancelRoutine);
