@@ -1,6 +1,8 @@
 // The model volume the file-system tests run on (see model_volume.h).
 #include "model_volume.h"
 
+#include "kvhost/workqueue.h"
+
 namespace {
 
 void Link(const std::u16string& link, const std::u16string& target, std::vector<std::u16string>* links) {
@@ -35,6 +37,8 @@ void ModelVolumeTest::SetUp() {
 }
 
 void ModelVolumeTest::TearDown() {
+  // The mount is announced from a worker thread, which holds the volume while it does.
+  kvhost::WaitForWorkQueuesIdle();
   if (disk_ != nullptr) kvtestbed::DetachFileSystem(disk_);
   for (const std::u16string& link : links_) {
     Text name(link);

@@ -3,6 +3,7 @@
 #include <random>
 
 #include "default_scenario.h"
+#include "linked_drivers.h"
 #include "report.h"
 #include "runner.h"
 #include "scenario.h"
@@ -147,6 +148,7 @@ TEST(ScenarioRun, WhatGoesWrongIsAStatusNotACrash) {
 }
 
 TEST(ScenarioRun, TheDefaultScenarioRunsClean) {
+  RegisterLinkedDrivers();  // the default scenario runs the tracking driver
   const Report report = RunText(kDefaultScenario);
   EXPECT_TRUE(report.Ok()) << FormatText(report, {});
   EXPECT_GE(report.Boots, 2u);

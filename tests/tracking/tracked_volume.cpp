@@ -33,6 +33,11 @@ Volume& TrackingTest::AddTrackedVolume(const TrackedVolumeSpec& spec) {
   extension->BitCount = bits;
   extension->VolumeSize = spec.VolumeBytes;
   extension->FileSystemType = spec.FileSystemType;
+  // A reader that recognised nothing yet: its lock is what the teardown at removal waits on.
+  if (spec.FileSystemType == CBT_FILE_SYSTEM_NTFS)
+    KeInitializeSemaphore(&extension->FileSystemContext.Ntfs.Lock, 1, 1);
+  else if (spec.FileSystemType == CBT_FILE_SYSTEM_REFS)
+    KeInitializeSemaphore(&extension->FileSystemContext.Refs.Lock, 1, 1);
   CbtSetFlags(extension, CBT_FLAG_FS_CONTEXT | CBT_FLAG_ONLINE | CBT_FLAG_FILE_SYSTEM_READABLE);
   DropRecords();
   return volume;
