@@ -30,11 +30,17 @@ NTSTATUS CbtCopyData(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);
 // ----- Flush-and-hold (flush_and_hold.cpp).
 NTSTATUS CbtFlushAndHoldWrites(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);
 
-// ----- Mount links, online and offline (mount_links.cpp, volume_online.cpp).
+// ----- Mount links, online and offline (mount_links.cpp, volume_online.cpp, disk_identity.cpp).
 NTSTATUS CbtMountDevLinkCreated(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);
 NTSTATUS CbtMountDevLinkDeleted(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);
 NTSTATUS CbtVolumeOnline(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension, _Inout_ PIRP Irp);
 NTSTATUS CbtVolumeOffline(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension, _Inout_ PIRP Irp);
+
+// Classifies the disk below from its storage device descriptor: sets CBT_FLAG_XVDD for an
+// Xvdd disk and CBT_FLAG_VHD for a Microsoft virtual disk, nothing for any other. Returns
+// the last query's status, or STATUS_FILE_CORRUPT_ERROR for a descriptor that contradicts
+// itself; online does not act on it (disk_identity.cpp). PASSIVE_LEVEL.
+NTSTATUS CbtQueryDiskIdentity(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension);
 
 // ----- GPT attributes and the shadow-copy commit (snapshot_commit.cpp).
 NTSTATUS CbtSetGptAttributes(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);

@@ -246,9 +246,8 @@ void DeviceControlTest::SendEachAndExpectItPassedDown(const Rows& rows) {
   EXPECT_TRUE(TakeDispatchRecords().empty());
 }
 
-// Handlers of the tracking switch and queries, the bitmap copy-out and the shadow-copy
-// verification take these further; until they do, the requests go down unchanged, whatever
-// their buffers.
+// Handlers of the tracking switch and queries and the shadow-copy verification take these
+// further; until they do, the requests go down unchanged, whatever their buffers.
 TEST_F(DeviceControlTest, DriverCodesOfLaterHandlersGoDownUnchanged) {
   const PassedDown rows[] = {
       {"query tracking information", IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION, 0, 56},
@@ -256,9 +255,6 @@ TEST_F(DeviceControlTest, DriverCodesOfLaterHandlersGoDownUnchanged) {
       {"query tracking information, no MDL", IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION, 0, 0},
       {"query tracking information ex", IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION_EX, 0, 120},
       {"query tracking information ex, short", IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION_EX, 4, 100},
-      {"get volume bitmap", IOCTL_KVCBT_GET_VOLUME_BITMAP, 0, 125},
-      {"check volume bitmap", IOCTL_KVCBT_CHECK_VOLUME_BITMAP, 0, 0},
-      {"check volume bitmap with buffers", IOCTL_KVCBT_CHECK_VOLUME_BITMAP, 8, 8},
       {"set reset time", IOCTL_KVCBT_SET_RESET_TIME, 0, 0},
       {"disable tracking", IOCTL_KVCBT_DISABLE_TRACKING, 0, 0},
       {"disable tracking with buffers", IOCTL_KVCBT_DISABLE_TRACKING, 16, 0},
@@ -268,8 +264,7 @@ TEST_F(DeviceControlTest, DriverCodesOfLaterHandlersGoDownUnchanged) {
 
   // An output length stated without a buffer: the request arrives without an MDL, and the
   // dispatch neither maps nor completes it.
-  for (ULONG code : {IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION, IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION_EX,
-                     IOCTL_KVCBT_GET_VOLUME_BITMAP}) {
+  for (ULONG code : {IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION, IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION_EX}) {
     SCOPED_TRACE(code);
     ScriptAnswer(code, 0);
     probe_.Clear();
@@ -306,8 +301,6 @@ TEST_F(DeviceControlTest, StorageRequestsAndForeignCodesGoDownUnchanged) {
       {"commit snapshot", IOCTL_VOLSNAP_COMMIT_SNAPSHOT, 0, 0},
       {"end commit", IOCTL_VOLSNAP_END_COMMIT_SNAPSHOT, 0, 80},
       {"set GPT attributes", IOCTL_VOLUME_SET_GPT_ATTRIBUTES, 16, 0},
-      {"online", IOCTL_VOLUME_ONLINE, 0, 0},
-      {"offline", IOCTL_VOLUME_OFFLINE, 0, 0},
       {"unknown code of the driver's type", kUnknownDriverCode, 8, 8},
       {"unknown direct code of the driver's type", kUnknownDriverDirectCode, 0, 0},
       {"a disk's code", IOCTL_DISK_GET_DRIVE_GEOMETRY, 0, 24},

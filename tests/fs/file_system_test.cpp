@@ -139,8 +139,10 @@ TEST_F(FileSystemTest, OtherFileSystemsGetNoContextAndTheirWritesGoUntracked) {
 
 TEST_F(FileSystemTest, ABitLockerLockedVolumeIsMarkedAndNotProbedFurther) {
   kvtestbed::Volume* volume = BootOne({.Image = NtfsImage({.Label = "Data"})}, true);
-  volume->SetBitLockerLocked(true);
   PCBT_DEVICE_EXTENSION e = ExtensionOf(volume);
+  // The volume came online unlocked and has its reader; it is locked afterwards and read anew.
+  CbtUninitializeFileSystem(e);
+  volume->SetBitLockerLocked(true);
   EXPECT_EQ(CbtInitializeFileSystem(e), STATUS_FVE_LOCKED_VOLUME);
   EXPECT_TRUE(CbtFlagsSet(e, CBT_FLAG_BITLOCKER_LOCKED));
   EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
