@@ -117,6 +117,17 @@ std::vector<DiskWrite> Volume::Writes() const {
   return writes_;
 }
 
+std::vector<WriteRequest> Volume::WriteRequestsSinceOnline() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return writeRequests_;
+}
+
+void Volume::SetOnline(bool online) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (online && !online_.load()) writeRequests_.clear();
+  online_ = online;
+}
+
 std::vector<std::string> Volume::TakeRequestLog() {
   std::lock_guard<std::mutex> guard(lock_);
   std::vector<std::string> out;
@@ -226,6 +237,7 @@ NTSTATUS Volume::Transfer(PIRP irp) {
   }
   {
     std::lock_guard<std::mutex> guard(lock_);
+    if (write && online_) writeRequests_.push_back({static_cast<uint64_t>(offset), length, status});
     if (!NT_SUCCESS(status)) {
       ++counters_.Refused;
     } else if (write) {

@@ -259,7 +259,7 @@ NTSTATUS VolumeDriver::DispatchDeviceControl(PDEVICE_OBJECT device, PIRP irp) {
       return Complete(irp, STATUS_SUCCESS);
     case IOCTL_VOLUME_ONLINE:
     case IOCTL_VOLUME_OFFLINE:
-      volume.online_ = code == IOCTL_VOLUME_ONLINE;
+      volume.SetOnline(code == IOCTL_VOLUME_ONLINE);
       volume.Record(ControlCodeName(code));
       return Complete(irp, STATUS_SUCCESS);
     case IOCTL_VOLUME_IS_OFFLINE:

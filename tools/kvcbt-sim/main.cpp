@@ -1,7 +1,7 @@
 // kvcbt-sim: runs a scenario (docs/scenario-format.md) on a simulated machine and reports
 // what happened. Without a scenario it runs its default one.
 //
-//   kvcbt-sim [--json] [--events] [scenario.kvs | -]
+//   kvcbt-sim [--json] [--events] [--no-records] [scenario.kvs | -]
 //
 // Exit status: 0 when every step went as expected and nothing was left behind; 1 when a step
 // did not or the end-of-run checks found something; 2 for a scenario or command-line mistake.
@@ -20,11 +20,12 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: kvcbt-sim [--json] [--events] [scenario.kvs | -]\n"
+    "usage: kvcbt-sim [--json] [--events] [--no-records] [scenario.kvs | -]\n"
     "  Runs a scenario on a simulated Windows machine and reports what happened.\n"
     "  Without a scenario, runs the default one (" KVSIM_DEFAULT_SCENARIO_NAME ").\n"
     "  --json   the report as JSON, for programs\n"
     "  --events also what the machine did under each step (Plug and Play, mount manager, power)\n"
+    "  --no-records  without the tracking driver's debug-log records under each step\n"
     "  -        read the scenario from standard input\n"
     "  The scenario format is described in docs/scenario-format.md.\n";
 
@@ -40,6 +41,8 @@ int main(int argc, char** argv) {
       json = true;
     } else if (arg == "--events") {
       text.AllMachineEvents = true;
+    } else if (arg == "--no-records") {
+      text.Records = false;
     } else if (arg == "-h" || arg == "--help") {
       std::fputs(kUsage, stdout);
       return 0;

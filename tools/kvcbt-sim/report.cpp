@@ -22,11 +22,14 @@ std::string Plural(size_t n, const char* one, const char* many) {
 
 void AppendStepBody(std::string& out, const StepReport& s, const TextOptions& options) {
   const std::string indent = "        ";
+  for (const std::string& line : s.Lines) out += indent + line + "\n";
   if (!s.AsExpected) out += indent + "!! " + s.Problem + "\n";
   for (const kvtestbed::MachineEvent& e : s.Events)
     if (options.AllMachineEvents || !NT_SUCCESS(e.Status))
       out += indent + "- " + e.Text + (e.Status == STATUS_SUCCESS ? "" : " -> " + kvtestbed::StatusName(e.Status)) + "\n";
   for (const std::string& line : s.DebugOutput) out += indent + "| " + line + "\n";
+  if (options.Records)
+    for (const std::string& record : s.Records) out += indent + "r " + record + "\n";
 }
 
 // A JSON string literal.
@@ -71,13 +74,15 @@ std::string StringArray(const std::vector<std::string>& items) {
 std::string StepJson(const StepReport& s) {
   std::string out = "{\"line\":" + std::to_string(s.Line) + ",\"step\":" + Quote(s.Source);
   if (s.HasStatus) out += ",\"status\":" + Quote(kvtestbed::StatusName(s.Status)) + ",\"code\":" + Quote(Hex(s.Status));
-  out += ",\"detail\":" + Quote(s.Detail) + ",\"asExpected\":" + (s.AsExpected ? "true" : "false");
+  out += ",\"detail\":" + Quote(s.Detail);
+  if (!s.Lines.empty()) out += ",\"lines\":" + StringArray(s.Lines);
+  out += ",\"asExpected\":" + std::string(s.AsExpected ? "true" : "false");
   if (!s.AsExpected) out += ",\"problem\":" + Quote(s.Problem);
   out += ",\"events\":[";
   for (size_t i = 0; i < s.Events.size(); ++i)
     out += std::string(i ? "," : "") + "{\"text\":" + Quote(s.Events[i].Text) + ",\"status\":" +
            Quote(kvtestbed::StatusName(s.Events[i].Status)) + "}";
-  return out + "],\"debugOutput\":" + StringArray(s.DebugOutput) + "}";
+  return out + "],\"debugOutput\":" + StringArray(s.DebugOutput) + ",\"records\":" + StringArray(s.Records) + "}";
 }
 
 }  // namespace
@@ -131,7 +136,10 @@ std::string FormatText(const Report& report, const TextOptions& options) {
   size_t lines = 0;
   for (const StepReport& s : report.Steps) lines += s.DebugOutput.size();
   lines += report.TakeDown.DebugOutput.size();
-  out += "  output   " + Plural(lines, "line", "lines") + " of driver debug output\n";
+  size_t records = report.TakeDown.Records.size();
+  for (const StepReport& s : report.Steps) records += s.Records.size();
+  out += "  output   " + Plural(lines, "line", "lines") + " of driver debug output, " +
+         Plural(records, "record", "records") + " of the tracking driver's debug log\n";
   if (report.LeftBehind.empty()) {
     out += "  checks   nothing left behind\n";
   } else {

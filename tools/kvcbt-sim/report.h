@@ -12,6 +12,8 @@ namespace kvsim {
 struct TextOptions {
   // Everything the machine did under each step (--events); otherwise only what failed.
   bool AllMachineEvents = false;
+  // The tracking driver's debug-log records under each step (not with --no-records).
+  bool Records = true;
 };
 
 std::string FormatText(const Report& report, const TextOptions& options);

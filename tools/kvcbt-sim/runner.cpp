@@ -2,17 +2,25 @@
 // reported with what the machine did and what the drivers printed.
 #include "runner.h"
 
+#include <cstring>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
+#include <span>
 
+#include "bitmap_view.h"
 #include "controls.h"
+#include "kvcbt/control.h"
 #include "kvhost/dbgprint.h"
 #include "kvhost/object.h"
 #include "kvhost/registry.h"
 #include "kvhost/verifier.h"
+#include "kvtestbed/disk_images.h"
 #include "kvtestbed/fs_model.h"
 #include "kvtestbed/names.h"
+#include "linked_drivers.h"
 
 namespace kvsim {
 namespace {
@@ -126,11 +134,20 @@ class Run {
   void Collect(StepReport& r) {
     if (machine_ != nullptr)
       for (kvtestbed::MachineEvent& e : machine_->TakeEvents()) r.Events.push_back(std::move(e));
-    for (kvhost::DebugOutputLine& line : kvhost::TakeDebugOutput()) {
-      while (!line.Text.empty() && (line.Text.back() == '\n' || line.Text.back() == '\r')) line.Text.pop_back();
-      while (!line.Text.empty() && line.Text.front() == '\n') line.Text.erase(line.Text.begin());
-      if (!line.Text.empty()) r.DebugOutput.push_back(std::move(line.Text));
+    // One DbgPrintEx call may print several lines (the banner does): each is a line here.
+    for (const kvhost::DebugOutputLine& output : kvhost::TakeDebugOutput()) {
+      size_t start = 0;
+      while (start < output.Text.size()) {
+        size_t end = output.Text.find('\n', start);
+        if (end == std::string::npos) end = output.Text.size();
+        std::string line = output.Text.substr(start, end - start);
+        while (!line.empty() && line.back() == '\r') line.pop_back();
+        if (!line.empty()) r.DebugOutput.push_back(std::move(line));
+        start = end + 1;
+      }
     }
+    if (machine_ != nullptr)
+      for (std::string& record : TakeDriverRecords(*machine_)) r.Records.push_back(std::move(record));
   }
 
   void End(StepReport r) {
@@ -192,6 +209,16 @@ class Run {
           return Finish(step, r, STATUS_INVALID_PARAMETER, true);
         }
         r.Detail = Narrow(added->DeviceName()) + ", " + DescribeVolume(*added);
+        if (step.Ntfs) {
+          // Formatted before it is connected, as a disk comes formatted.
+          const std::string error = kvtestbed::FormatNtfs(*added, *step.Ntfs);
+          if (!error.empty()) {
+            r.Problem = "cannot format NTFS: " + error;
+            return Finish(step, r, STATUS_UNSUCCESSFUL, true);
+          }
+          r.Detail += ", NTFS (mkntfs) with " + DescribeSize(step.Ntfs->ClusterSize) + " clusters" +
+                      (step.Ntfs->Label.empty() ? "" : ", label \"" + step.Ntfs->Label + "\"");
+        }
         if (step.ModelFileSystem) {
           // Formatted before it is connected, as a disk comes formatted.
           kvtestbed::ModelFormat format;
@@ -253,6 +280,8 @@ class Run {
       }
       case StepKind::Verify:
         return Verify(step, *v, r);
+      case StepKind::Bitmap:
+        return Bitmap(step, *v, r);
       case StepKind::Control: {
         const IoResult result = machine_->Control(*v, step.Code, ControlInput(step), ControlOutputLength(step));
         r.Detail = DescribeControlAnswer(step, result);
@@ -339,6 +368,104 @@ class Run {
     }
     for (const std::string& d : done) r.Detail += (r.Detail.empty() ? "" : ", ") + d;
     Finish(step, r, STATUS_SUCCESS);
+  }
+
+  // The geometry a backup application works with: the tracking-information query's, or,
+  // while the volume has no tracking file for the query to answer from, the same numbers
+  // from the driver's volume record.
+  std::optional<kvtools::BitmapGeometry> Geometry(Volume& v, std::string* source) {
+    const IoResult query = machine_->Control(v, IOCTL_KVCBT_QUERY_VOLUME_TRACKING_INFORMATION_EX, {},
+                                             sizeof(CBT_VOLUME_TRACKING_INFORMATION_EX));
+    if (NT_SUCCESS(query.Status) && query.Data.size() >= sizeof(CBT_VOLUME_TRACKING_INFORMATION_EX)) {
+      CBT_VOLUME_TRACKING_INFORMATION_EX info;
+      std::memcpy(&info, query.Data.data(), sizeof info);
+      *source = "the tracking-information query";
+      return kvtools::BitmapGeometry{info.BitCount, info.BytesPerBit};
+    }
+    *source = "the driver's volume record";
+    return DriverBitmapGeometry(v.Device());
+  }
+
+  // The bitmap copied out through the driver's control code, as a backup application copies
+  // it, shown as changed ranges and a map, and checked against the writes that reached the
+  // disk since the volume came online: each of their blocks must be marked, and no other.
+  void Bitmap(const Step& step, Volume& v, StepReport& r) {
+    if (!machine_->Running() || v.Device() == nullptr) return Finish(step, r, STATUS_NO_SUCH_DEVICE);
+    std::string source;
+    const std::optional<kvtools::BitmapGeometry> geometry = Geometry(v, &source);
+    const uint64_t bytes = geometry ? (geometry->BitCount + 7) / 8 : 1;
+    const IoResult copy = machine_->Control(v, IOCTL_KVCBT_GET_VOLUME_BITMAP, {}, static_cast<ULONG>(bytes));
+    if (!NT_SUCCESS(copy.Status) || !geometry) {
+      if (!DriverFiltersVolume(v.Device()))
+        r.Detail = v.Name() + " has no tracking driver above it: it filters fixed-disk volumes and shadow copies";
+      else if (NT_SUCCESS(machine_->Control(v, IOCTL_KVCBT_CHECK_EXCLUDED).Status))
+        r.Detail = v.Name() + " is excluded from tracking: the driver passes its requests through";
+      else
+        r.Detail = v.Name() + " has no change bitmap: the driver reads no file system on it";
+      return Finish(step, r, NT_SUCCESS(copy.Status) ? STATUS_NOT_FOUND : copy.Status);
+    }
+    const std::span<const uint8_t> bitmap(copy.Data);
+    const std::vector<kvtools::ChangedRange> ranges = kvtools::ChangedRanges(bitmap, *geometry);
+    const uint64_t changed = kvtools::CountChangedBlocks(bitmap, *geometry);
+    r.Detail = std::to_string(changed) + " of " + std::to_string(geometry->BitCount) + " blocks of " +
+               DescribeSize(geometry->BytesPerBit) + " changed (" + DescribeSize(changed * geometry->BytesPerBit) +
+               " of the volume); geometry from " + source;
+    constexpr size_t kShownRanges = 12;
+    if (!ranges.empty()) r.Lines.push_back("changed ranges (volume byte offsets):");
+    for (size_t i = 0; i < ranges.size() && i < kShownRanges; ++i)
+      r.Lines.push_back("  " + kvtools::DescribeRange(ranges[i]));
+    if (ranges.size() > kShownRanges)
+      r.Lines.push_back("  ... and " + std::to_string(ranges.size() - kShownRanges) + " more ranges");
+    for (const std::string& line : kvtools::TextMap(bitmap, *geometry)) r.Lines.push_back(line);
+    if (!step.SavePath.empty()) {
+      std::ofstream out(step.SavePath, std::ios::binary | std::ios::trunc);
+      out.write(reinterpret_cast<const char*>(copy.Data.data()), static_cast<std::streamsize>(copy.Data.size()));
+      out.close();
+      r.Lines.push_back(out ? "saved the " + DescribeSize(copy.Data.size()) + " bitmap to " + step.SavePath +
+                                  " (kvcbt-inspect bitmap " + step.SavePath + " --bytes-per-bit " +
+                                  std::to_string(geometry->BytesPerBit) + ")"
+                            : "!! cannot write " + step.SavePath);
+    }
+    if (!step.PicturePath.empty()) {
+      const std::string error = kvtools::WriteBitmapPicture(step.PicturePath, bitmap, *geometry);
+      r.Lines.push_back(error.empty() ? "picture in " + step.PicturePath : "!! " + error);
+    }
+    CheckAgainstWrites(v, bitmap, *geometry, r);
+    Finish(step, r, copy.Status);
+  }
+
+  // Every block of a write the volume took must be marked. A write the volume refused may
+  // have been marked on its way down (the driver marks before it passes a write on, which
+  // never misses a block); a block no write request touched must not be.
+  void CheckAgainstWrites(const Volume& v, std::span<const uint8_t> bitmap, const kvtools::BitmapGeometry& geometry,
+                          StepReport& r) {
+    std::set<uint64_t> written, touched;
+    for (const kvtestbed::WriteRequest& w : v.WriteRequestsSinceOnline()) {
+      if (w.Length == 0) continue;
+      const uint64_t last = std::min<uint64_t>((w.Offset + w.Length - 1) / geometry.BytesPerBit, geometry.BitCount - 1);
+      for (uint64_t block = w.Offset / geometry.BytesPerBit; block <= last; ++block) {
+        touched.insert(block);
+        if (NT_SUCCESS(w.Status)) written.insert(block);
+      }
+    }
+    uint64_t missing = 0, extra = 0, firstMissing = 0, firstExtra = 0;
+    for (uint64_t block : written)
+      if (!kvtools::IsBitSet(bitmap, block) && missing++ == 0) firstMissing = block;
+    for (uint64_t block = 0; block < geometry.BitCount; ++block)
+      if (kvtools::IsBitSet(bitmap, block) && !touched.count(block) && extra++ == 0) firstExtra = block;
+    if (missing == 0 && extra == 0) {
+      r.Lines.push_back("checked: each of the " + std::to_string(written.size()) + " blocks written since " + v.Name() +
+                        " came online is marked, and no block that no write touched");
+      return;
+    }
+    r.AsExpected = false;
+    if (missing != 0)
+      r.Problem = std::to_string(missing) + " written blocks are not marked, the first block " +
+                  std::to_string(firstMissing);
+    if (extra != 0)
+      r.Problem += (r.Problem.empty() ? "" : "; ") + std::to_string(extra) +
+                   " blocks are marked that no write touched since the volume came online, the first block " +
+                   std::to_string(firstExtra);
   }
 
   void Remember(const Volume& v, uint64_t offset, const std::vector<uint8_t>& data) {

@@ -15,10 +15,12 @@ struct StepReport {
   NTSTATUS Status = STATUS_SUCCESS;
   bool HasStatus = true;  // a note has none
   std::string Detail;     // what came back, in words
+  std::vector<std::string> Lines;  // more of it, a line each (changed ranges, a map)
   bool AsExpected = true;
   std::string Problem;  // why it is not as expected
   std::vector<kvtestbed::MachineEvent> Events;
   std::vector<std::string> DebugOutput;  // the drivers' DbgPrintEx lines
+  std::vector<std::string> Records;      // the tracking driver's debug-log records, in words
 };
 
 struct VolumeReport {

@@ -402,7 +402,51 @@ class Parser {
       if (f == "model") step.ModelFileSystem = true;
       else if (f != "none") return Fail(s, "unknown file system '" + *fs + "' (model, none)");
     }
+    if (!ParseFormat(s, step)) return false;
     volumes_.insert(name);
+    return true;
+  }
+
+  // format=ntfs [cluster=<size>] [label="text"]: the disk comes formatted by mkntfs.
+  bool ParseFormat(const Statement& s, Step& step) {
+    const std::string* format = Named(s, "format");
+    const std::string* cluster = Named(s, "cluster");
+    const std::string* label = Named(s, "label");
+    if (format == nullptr) {
+      if (cluster != nullptr || label != nullptr) return Fail(s, "cluster= and label= belong to format=ntfs");
+      return true;
+    }
+    if (Lower(*format) != "ntfs") return Fail(s, "unknown format '" + *format + "' (ntfs)");
+    if (step.ModelFileSystem) return Fail(s, "a volume has one file system: format=ntfs or file-system=model");
+    kvtestbed::NtfsFormat ntfs;
+    if (cluster != nullptr) {
+      uint64_t bytes = 0;
+      if (!Size(s, *cluster, "cluster size", &bytes)) return false;
+      if (bytes < step.Volume.SectorSize || bytes > 65536 || (bytes & (bytes - 1)) != 0)
+        return Fail(s, "bad cluster size '" + *cluster + "' (a power of two from the sector size to 64KiB)");
+      ntfs.ClusterSize = static_cast<uint32_t>(bytes);
+    }
+    if (ntfs.ClusterSize < step.Volume.SectorSize) ntfs.ClusterSize = step.Volume.SectorSize;
+    if (label != nullptr) {
+      if (label->size() > 32) return Fail(s, "label '" + *label + "' is longer than 32 characters");
+      ntfs.Label = *label;
+    }
+    // mkntfs needs room for its metadata: a volume below a megabyte is no NTFS volume.
+    if (step.Volume.SizeBytes < (1ull << 20)) return Fail(s, "an NTFS volume needs at least 1MiB");
+    step.Ntfs = ntfs;
+    return true;
+  }
+
+  bool ParseBitmap(const Statement& s, Step& step) {
+    if (!Target(s, step) || !Count(s, 1, "bitmap <volume> [save=<file>] [picture=<file.png>]")) return false;
+    if (const std::string* save = Named(s, "save")) {
+      if (save->empty()) return Fail(s, "save= needs a file name");
+      step.SavePath = *save;
+    }
+    if (const std::string* picture = Named(s, "picture")) {
+      if (picture->empty()) return Fail(s, "picture= needs a file name");
+      step.PicturePath = *picture;
+    }
     return true;
   }
 
@@ -600,7 +644,8 @@ class Parser {
                       [this](const Statement& s, Step& st) { return ParseSetting(s, st, true); }}},
         {"volume", {K::Volume, "volume <name> size=<size> ...",
                     {"size", "sector", "letter", "image", "bus", "identity", "vendor", "product", "type", "partition",
-                     "kind", "gpt-attributes", "removable", "write-protected", "bitlocker-locked", "async", "file-system"},
+                     "kind", "gpt-attributes", "removable", "write-protected", "bitlocker-locked", "async", "file-system",
+                     "format", "cluster", "label"},
                     [this](const Statement& s, Step& st) { return ParseVolume(s, st); }}},
         {"shadow-copy", {K::ShadowCopy, "shadow-copy <volume> [as=<name>]", {"as"},
                          [this](const Statement& s, Step& st) { return ParseShadowCopy(s, st); }}},
@@ -615,6 +660,8 @@ class Parser {
         {"verify", {K::Verify, "verify <volume>", {}, target("verify <volume>")}},
         {"control", {K::Control, "control <volume> <code> [in=<hex>] [out=<size>] [property=device|adapter]",
                      {"in", "out", "property"}, [this](const Statement& s, Step& st) { return ParseControl(s, st); }}},
+        {"bitmap", {K::Bitmap, "bitmap <volume> [save=<file>] [picture=<file.png>]", {"save", "picture"},
+                    [this](const Statement& s, Step& st) { return ParseBitmap(s, st); }}},
         {"link", {K::Link, "link <volume> <name>", {}, [this](const Statement& s, Step& st) { return ParseLink(s, st); }}},
         {"unlink", {K::Unlink, "unlink <volume> <name>", {},
                     [this](const Statement& s, Step& st) { return ParseLink(s, st); }}},
@@ -707,17 +754,6 @@ std::optional<uint64_t> ParseSize(std::string_view text) {
   if (it == kShifts.end() || (hex && !unit.empty())) return std::nullopt;
   if (it->second != 0 && *number > (UINT64_MAX >> it->second)) return std::nullopt;
   return *number << it->second;
-}
-
-std::string DescribeSize(uint64_t bytes) {
-  static const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB", "PiB"};
-  if (bytes < 1024 || bytes % 1024 != 0) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
-  int unit = -1;
-  while (unit < 4 && bytes % 1024 == 0 && bytes >= 1024) {
-    bytes /= 1024;
-    ++unit;
-  }
-  return std::to_string(bytes) + " " + kUnits[unit];
 }
 
 bool ParseScenario(std::string_view text, Scenario* scenario, std::vector<ScenarioError>* errors) {

@@ -7,7 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include "byte_sizes.h"
 #include "kvhost/version.h"
+#include "kvtestbed/disk_images.h"
 #include "kvtestbed/machine.h"
 
 namespace kvsim {
@@ -38,6 +40,7 @@ enum class StepKind {
   Read,
   Verify,
   Control,
+  Bitmap,
   // The mount manager, Plug and Play, notifications, file systems, knobs.
   Link,
   Unlink,
@@ -77,6 +80,7 @@ struct Step {
 
   kvtestbed::VolumeConfig Volume;                // volume
   bool ModelFileSystem = false;                  // volume: formatted with the model file system
+  std::optional<kvtestbed::NtfsFormat> Ntfs;     // volume: formatted with NTFS by mkntfs
   std::string NewName;                           // shadow-copy
   uint64_t Offset = 0;                           // write, read
   uint32_t Length = 0;                           // write, read
@@ -86,6 +90,8 @@ struct Step {
   std::vector<uint8_t> Input;                    // control
   std::optional<ULONG> OutLength;                // control
   std::optional<ULONG> Property;                 // control: a STORAGE_PROPERTY_ID
+  std::string SavePath;                          // bitmap: the raw copy, saved
+  std::string PicturePath;                       // bitmap: a PNG picture of it
   GUID Event{};                                  // notify
   std::u16string LinkName;                       // link, unlink
   char16_t DriveLetter = 0;                      // letter (0: remove it)
@@ -109,7 +115,6 @@ bool ParseScenario(std::string_view text, Scenario* scenario, std::vector<Scenar
 
 // "64MiB", "4096", "0x1000", "2TiB": a byte count; units are binary (K = KiB = 1024).
 std::optional<uint64_t> ParseSize(std::string_view text);
-// "64 MiB", "512 bytes", "2 TiB": a byte count as people read it.
-std::string DescribeSize(uint64_t bytes);
+using kvtools::DescribeSize;
 
 }  // namespace kvsim

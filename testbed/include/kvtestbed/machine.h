@@ -136,6 +136,9 @@ class Machine {
   // The Windows release reported from the next boot on.
   void SetWindowsVersion(const kvhost::WindowsVersion& version) { config_.Version = version; }
   const MachineConfig& Config() const { return config_; }
+  // The driver object of a service loaded at this boot; null while it is not loaded (before
+  // the boot, after a power loss or the machine's teardown).
+  PDRIVER_OBJECT LoadedDriver(std::u16string_view service) const;
 
   // ----- Requests to the top of a volume's stack, built as the I/O manager builds them and
   // waited for. A volume that is not running gives STATUS_NO_SUCH_DEVICE.
@@ -212,7 +215,6 @@ class Machine {
   NTSTATUS SendShutdownPower(Volume& volume);
   IoResult SendControl(Volume& volume, ULONG code, std::span<const uint8_t> input, ULONG outputLength);
   IoResult SendTransfer(Volume& volume, UCHAR major, uint64_t offset, void* buffer, uint32_t length);
-  PDRIVER_OBJECT LoadedDriver(std::u16string_view service) const;
   const std::vector<std::u16string>& FiltersOf(const Volume& volume) const;
   bool Usable(const Volume& volume) const;
   NTSTATUS Note(std::string text, NTSTATUS status = STATUS_SUCCESS);

@@ -94,6 +94,13 @@ struct DiskWrite {
   uint32_t Length;
 };
 
+// One write request that reached the volume device, and how the volume answered it.
+struct WriteRequest {
+  uint64_t Offset;  // as the request gave it (a refused one may be misaligned)
+  uint32_t Length;
+  NTSTATUS Status;
+};
+
 struct DiskCounters {
   uint64_t Reads = 0;  // transfers that reached the disk
   uint64_t Writes = 0;
@@ -141,6 +148,10 @@ class Volume {
   // What reached the disk through the volume device, since the volume was added.
   DiskCounters Counters() const;
   std::vector<DiskWrite> Writes() const;
+  // The write requests that reached the volume device since it last came online
+  // (IOCTL_VOLUME_ONLINE), those the disk refused included: what the filters above passed
+  // down once the volume was usable.
+  std::vector<WriteRequest> WriteRequestsSinceOnline() const;
   // Requests that reached the volume device other than reads and writes, in order
   // ("IRP_MN_START_DEVICE", "IOCTL_VOLUME_ONLINE", "IRP_MN_SET_POWER PowerSystemShutdown" ...);
   // the list is emptied.
@@ -174,6 +185,8 @@ class Volume {
   NTSTATUS Transfer(PIRP irp);
   NTSTATUS CheckTransfer(bool write, LONGLONG offset, ULONG length);
   void Record(std::string request);
+  // IOCTL_VOLUME_ONLINE / _OFFLINE reached the volume device.
+  void SetOnline(bool online);
   bool CompletionsHeld() const;
   bool CompletesFromThread() const;
 
@@ -192,6 +205,7 @@ class Volume {
   VolumeConfig config_;
   DiskCounters counters_;
   std::vector<DiskWrite> writes_;
+  std::vector<WriteRequest> writeRequests_;  // since the volume last came online
   std::vector<std::string> requests_;
   NTSTATUS failStatus_ = STATUS_SUCCESS;
   uint32_t failCount_ = 0;
