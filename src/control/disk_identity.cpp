@@ -16,6 +16,9 @@ constexpr ULONG kDeviceDescriptorVersion = sizeof(STORAGE_DEVICE_DESCRIPTOR);
 constexpr ULONG kPrefixChars = 4;
 constexpr CHAR kVirtualDiskProduct[] = "VIRTUAL DISK";
 constexpr ULONG kVirtualDiskProductChars = sizeof(kVirtualDiskProduct) - 1;
+// A descriptor is a few hundred bytes. A disk that claims more than this is not believed: its
+// claim alone would have the driver take that much non-paged pool.
+constexpr ULONG kMaxDescriptorBytes = 64 * 1024;
 
 CHAR Upper(CHAR C) { return (C >= 'a' && C <= 'z') ? static_cast<CHAR>(C - 'a' + 'A') : C; }
 
@@ -74,7 +77,7 @@ NTSTATUS CbtQueryDiskIdentity(PCBT_DEVICE_EXTENSION Extension) {
   NTSTATUS status = QueryDeviceDescriptor(Extension->LowerDeviceObject, &header, sizeof(header));
   if (!NT_SUCCESS(status)) return status;
   const ULONG size = header.Size;
-  if (size <= sizeof(header)) return STATUS_FILE_CORRUPT_ERROR;
+  if (size <= sizeof(header) || size > kMaxDescriptorBytes) return STATUS_FILE_CORRUPT_ERROR;
 
   auto* descriptor = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPoolNx, size, CBT_POOL_TAG));
   if (descriptor == NULL) return STATUS_INSUFFICIENT_RESOURCES;

@@ -11,9 +11,7 @@
 #include "driver/cbt_device_extension.h"
 #include "kvcbt/control.h"
 #include "kvhost/io.h"
-#include "kvtestbed/machine.h"
-#include "log/cbt_log_inspection.h"
-#include "probe_filter.h"
+#include "probe_machine.h"
 #include "tracking/cbt_tracking.h"
 
 namespace {
@@ -22,24 +20,16 @@ using kvtest::ControlRequest;
 using kvtest::ControlResult;
 using kvtest::kUntouched;
 
-class BitmapCopyTest : public testing::Test {
+class BitmapCopyTest : public kvtest::ProbeMachineTest {
  protected:
   void SetUp() override {
-    kvtestbed::MachineConfig config;
-    config.VolumeUpperFilters = {std::u16string(kvtest::ProbeFilter::kService), u"kvcbt"};
-    config.Services = {
-        {std::u16string(kvtest::ProbeFilter::kService), &kvtest::ProbeFilter::DriverEntry, {}},
-        {u"kvcbt", &DriverEntry, {kvtestbed::RegistrySetting::Dword(u"DebugLog", 1)}},
-    };
-    machine_ = std::make_unique<kvtestbed::Machine>(config);
-    volume_ = machine_->AddVolume({.Name = "D:", .DriveLetter = u'D'});
+    BuildMachine();
+    volume_ = AddVolume({.Name = "D:", .DriveLetter = u'D'});
     ASSERT_NE(volume_, nullptr);
-    ASSERT_EQ(machine_->Boot(), STATUS_SUCCESS);
-    probe_.Clear();
-    CbtDrainQueuedLogRecords(nullptr, CBT_LOG_QUEUE_LIMIT);
+    BootMachine();
   }
 
-  PCBT_DEVICE_EXTENSION Extension() const { return CbtExtensionOf(volume_->TopOfStack()); }
+  PCBT_DEVICE_EXTENSION Extension() const { return ExtensionOf(volume_); }
 
   // The bitmap a recognised file system would have given the volume (the memory volume has
   // none of its own); the volume's removal frees it.
@@ -66,16 +56,11 @@ class BitmapCopyTest : public testing::Test {
 
   // Statuses of the dispatch's records since the last call.
   static std::vector<ULONG> TakeRecordStatuses() {
-    std::vector<CBT_LOG_RECORD_BODY> bodies(CBT_LOG_QUEUE_LIMIT);
-    bodies.resize(CbtDrainQueuedLogRecords(bodies.data(), CBT_LOG_QUEUE_LIMIT));
     std::vector<ULONG> statuses;
-    for (const CBT_LOG_RECORD_BODY& body : bodies)
-      if (std::string(body.Text) == "CbtDispatchDeviceControl") statuses.push_back(body.Status);
+    for (const kvtest::LoggedRecord& record : TakeRecords("CbtDispatchDeviceControl")) statuses.push_back(record.Status);
     return statuses;
   }
 
-  kvtest::ProbeFilter probe_;
-  std::unique_ptr<kvtestbed::Machine> machine_;
   kvtestbed::Volume* volume_ = nullptr;
 };
 

@@ -23,9 +23,7 @@
 #include "control_request.h"
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_removal_protection.h"
-#include "kvtestbed/machine.h"
-#include "log/cbt_log_inspection.h"
-#include "probe_filter.h"
+#include "probe_machine.h"
 
 namespace {
 
@@ -39,43 +37,25 @@ using kvtest::ProbeRequest;
 constexpr ULONG kUnknownDriverCode = 0x8CB70104;  // function 0x41, METHOD_BUFFERED: not the driver's
 constexpr ULONG kUnknownDriverDirectCode = 0x8CB7C1FE;  // function 0x7F, METHOD_NEITHER, read and write
 
-struct Record {
-  std::string Text;
-  ULONG Status;
-};
+using Record = kvtest::LoggedRecord;
 
-class DeviceControlTest : public testing::Test {
+class DeviceControlTest : public kvtest::ProbeMachineTest {
  protected:
   void SetUp() override {
-    kvtestbed::MachineConfig config;
-    config.VolumeUpperFilters = {std::u16string(kvtest::ProbeFilter::kService), u"kvcbt"};
-    config.Services = {
-        {std::u16string(kvtest::ProbeFilter::kService), &kvtest::ProbeFilter::DriverEntry, {}},
-        {u"kvcbt", &DriverEntry, {kvtestbed::RegistrySetting::Dword(u"DebugLog", 1)}},
-    };
-    machine_ = std::make_unique<kvtestbed::Machine>(config);
-    volume_ = machine_->AddVolume({.Name = "D:", .DriveLetter = u'D'});
+    BuildMachine();
+    volume_ = AddVolume({.Name = "D:", .DriveLetter = u'D'});
     ASSERT_NE(volume_, nullptr);
-    ASSERT_EQ(machine_->Boot(), STATUS_SUCCESS);
+    BootMachine();
     ASSERT_EQ(Extension()->DeviceObject, Top()) << "the driver's filter is the top of the volume's stack";
-    probe_.Clear();
-    CbtDrainQueuedLogRecords(nullptr, CBT_LOG_QUEUE_LIMIT);
   }
 
   PDEVICE_OBJECT Top() const { return volume_->TopOfStack(); }
-  PCBT_DEVICE_EXTENSION Extension() const { return CbtExtensionOf(volume_->TopOfStack()); }
+  PCBT_DEVICE_EXTENSION Extension() const { return ExtensionOf(volume_); }
 
   ControlResult Send(ControlRequest request) { return kvtest::SendControlRequest(Top(), request); }
 
   // The records the dispatch made since the last call.
-  static std::vector<Record> TakeDispatchRecords() {
-    std::vector<CBT_LOG_RECORD_BODY> bodies(CBT_LOG_QUEUE_LIMIT);
-    bodies.resize(CbtDrainQueuedLogRecords(bodies.data(), CBT_LOG_QUEUE_LIMIT));
-    std::vector<Record> records;
-    for (const CBT_LOG_RECORD_BODY& body : bodies)
-      if (std::string(body.Text) == "CbtDispatchDeviceControl") records.push_back({body.Text, body.Status});
-    return records;
-  }
+  static std::vector<Record> TakeDispatchRecords() { return TakeRecords("CbtDispatchDeviceControl"); }
 
   // What the volume device would have answered, from the probe: a success whose Information
   // is half the output, and the output filled with a pattern.
@@ -87,8 +67,6 @@ class DeviceControlTest : public testing::Test {
   template <typename Rows>
   void SendEachAndExpectItPassedDown(const Rows& rows);
 
-  kvtest::ProbeFilter probe_;  // outlives the machine, which unloads the filter
-  std::unique_ptr<kvtestbed::Machine> machine_;
   kvtestbed::Volume* volume_ = nullptr;
 };
 

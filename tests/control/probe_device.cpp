@@ -78,7 +78,9 @@ void WriteReplyBytes(PIRP irp, const std::vector<uint8_t>& bytes) {
   const ULONG code = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode;
   if (irp->MdlAddress != nullptr && METHOD_FROM_CTL_CODE(code) != METHOD_BUFFERED)
     target = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority | MdlMappingNoExecute);
-  if (target != nullptr) std::memcpy(target, bytes.data(), bytes.size());
+  // A device writes no more than the request's output holds.
+  const size_t room = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength;
+  if (target != nullptr) std::memcpy(target, bytes.data(), std::min(bytes.size(), room));
 }
 
 ProbeDevice::ProbeDevice(ULONG sectorSize, size_t diskBytes, CCHAR stackSize, DEVICE_TYPE deviceType)

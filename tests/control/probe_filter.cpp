@@ -1,5 +1,7 @@
 #include "probe_filter.h"
 
+#include <chrono>
+
 namespace kvtest {
 namespace {
 
@@ -20,6 +22,47 @@ ProbeFilter::~ProbeFilter() { g_current = nullptr; }
 void ProbeFilter::Answer(ULONG code, ProbeReply reply) {
   std::lock_guard<std::mutex> guard(lock_);
   answers_[code] = std::move(reply);
+}
+
+void ProbeFilter::Hold(ULONG code) {
+  std::lock_guard<std::mutex> guard(lock_);
+  holdCode_ = code;
+}
+
+bool ProbeFilter::WaitForHeld() {
+  std::unique_lock<std::mutex> guard(lock_);
+  return heldArrived_.wait_for(guard, std::chrono::seconds(10), [&] { return held_ != nullptr; });
+}
+
+void ProbeFilter::Release() {
+  PIRP irp = nullptr;
+  PDEVICE_OBJECT device = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    irp = held_;
+    device = heldDevice_;
+    held_ = nullptr;
+  }
+  if (irp != nullptr) Forward(this, device, irp);
+}
+
+NTSTATUS ProbeFilter::Forward(ProbeFilter* self, PDEVICE_OBJECT device, PIRP irp) {
+  ProbeReply reply;
+  bool answer = false;
+  {
+    std::lock_guard<std::mutex> guard(self->lock_);
+    auto found = self->answers_.find(IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode);
+    if (found != self->answers_.end()) {
+      reply = found->second;
+      answer = true;
+    }
+  }
+  if (!answer) return PassDown(device, irp);
+  WriteReplyBytes(irp, reply.Bytes);
+  irp->IoStatus.Status = reply.Status;
+  irp->IoStatus.Information = reply.Information;
+  IoCompleteRequest(irp, IO_NO_INCREMENT);
+  return reply.Status;
 }
 
 std::vector<ProbeRequest> ProbeFilter::ControlRequests() const {
@@ -72,23 +115,19 @@ NTSTATUS ProbeFilter::Dispatch(PDEVICE_OBJECT device, PIRP irp) {
     case IRP_MJ_DEVICE_CONTROL: {
       ProbeFilter* self = g_current;
       if (self == nullptr) return PassDown(device, irp);
-      ProbeReply reply;
-      bool answer = false;
       {
         std::lock_guard<std::mutex> guard(self->lock_);
         self->requests_.push_back(CaptureRequest(irp));
-        auto found = self->answers_.find(sp->Parameters.DeviceIoControl.IoControlCode);
-        if (found != self->answers_.end()) {
-          reply = found->second;
-          answer = true;
+        if (self->holdCode_ == sp->Parameters.DeviceIoControl.IoControlCode && self->held_ == nullptr) {
+          self->holdCode_.reset();
+          IoMarkIrpPending(irp);
+          self->held_ = irp;
+          self->heldDevice_ = device;
+          self->heldArrived_.notify_all();
+          return STATUS_PENDING;
         }
       }
-      if (!answer) return PassDown(device, irp);
-      WriteReplyBytes(irp, reply.Bytes);
-      irp->IoStatus.Status = reply.Status;
-      irp->IoStatus.Information = reply.Information;
-      IoCompleteRequest(irp, IO_NO_INCREMENT);
-      return reply.Status;
+      return Forward(self, device, irp);
     }
     default:
       return PassDown(device, irp);

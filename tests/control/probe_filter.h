@@ -6,7 +6,9 @@
 
 #include <wdm.h>
 
+#include <condition_variable>
 #include <map>
+#include <optional>
 #include <mutex>
 #include <string_view>
 #include <vector>
@@ -27,6 +29,12 @@ class ProbeFilter {
 
   // Every device-control request with `code` is completed here with `reply`.
   void Answer(ULONG code, ProbeReply reply);
+  // The next device-control request with `code` stops here, pending, until Release lets it
+  // on down (or completes it with `reply`, when it is answered). WaitForHeld waits until it
+  // has arrived (false after 10 s).
+  void Hold(ULONG code);
+  bool WaitForHeld();
+  void Release();
   // Device-control requests that reached the filter, oldest first; Clear forgets them.
   std::vector<ProbeRequest> ControlRequests() const;
   void Clear();
@@ -35,9 +43,16 @@ class ProbeFilter {
   static NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp);
   static NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo);
 
+  // Answers the request as scripted, or passes it down.
+  static NTSTATUS Forward(ProbeFilter* self, PDEVICE_OBJECT device, PIRP irp);
+
   mutable std::mutex lock_;
   std::map<ULONG, ProbeReply> answers_;
   std::vector<ProbeRequest> requests_;
+  std::optional<ULONG> holdCode_;
+  PIRP held_ = nullptr;
+  PDEVICE_OBJECT heldDevice_ = nullptr;
+  std::condition_variable heldArrived_;
 };
 
 }  // namespace kvtest

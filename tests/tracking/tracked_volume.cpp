@@ -4,16 +4,6 @@
 #include "tracking/cbt_tracking.h"
 
 namespace kvtest {
-namespace {
-
-NTSTATUS CountAndKeep(PDEVICE_OBJECT, PIRP, PVOID context) {
-  auto* write = static_cast<SentWrite*>(context);
-  ++write->Completions;
-  KeSetEvent(&write->Done, IO_NO_INCREMENT, FALSE);
-  return STATUS_MORE_PROCESSING_REQUIRED;
-}
-
-}  // namespace
 
 void TrackingTest::SetUp() {
   CbtDriverTest::SetUp();
@@ -54,39 +44,6 @@ std::set<ULONG> TrackingTest::SetBits(const CBT_DEVICE_EXTENSION* extension) {
 Transferred TrackingTest::Write(PDEVICE_OBJECT top, LONGLONG offset, ULONG length) {
   std::vector<uint8_t> data(length, 0x5A);
   return Transfer(top, IRP_MJ_WRITE, data.data(), length, offset);
-}
-
-void TrackingTest::Prepare(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags) {
-  KeInitializeEvent(&write.Done, NotificationEvent, FALSE);
-  write.Buffer.assign(length, 0xA5);
-  write.Irp = IoAllocateIrp(top->StackSize, FALSE);
-  ASSERT_NE(write.Irp, nullptr);
-  if (length != 0) {
-    PMDL mdl = IoAllocateMdl(write.Buffer.data(), length, FALSE, FALSE, write.Irp);
-    ASSERT_NE(mdl, nullptr);
-    MmBuildMdlForNonPagedPool(mdl);
-  }
-  write.Irp->Flags |= irpFlags;
-  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(write.Irp);
-  stack->MajorFunction = IRP_MJ_WRITE;
-  stack->Parameters.Write.Length = length;
-  stack->Parameters.Write.ByteOffset.QuadPart = offset;
-  IoSetCompletionRoutine(write.Irp, CountAndKeep, &write, TRUE, TRUE, TRUE);
-}
-
-void TrackingTest::Send(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags) {
-  Prepare(write, top, offset, length, irpFlags);
-  if (write.Irp != nullptr) write.Returned = IoCallDriver(top, write.Irp);
-}
-
-IO_STATUS_BLOCK SentWrite::Wait() {
-  KeWaitForSingleObject(&Done, Executive, KernelMode, FALSE, nullptr);
-  IO_STATUS_BLOCK status = Irp->IoStatus;
-  if (Irp->MdlAddress != nullptr) IoFreeMdl(Irp->MdlAddress);
-  Irp->MdlAddress = nullptr;
-  IoFreeIrp(Irp);
-  Irp = nullptr;
-  return status;
 }
 
 std::vector<CBT_LOG_RECORD_BODY> TrackingTest::RecordsOf(const std::string& text) {

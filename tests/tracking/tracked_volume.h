@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "cbt_driver_fixture.h"
+#include "sent_write.h"
 
 namespace kvtest {
 
@@ -20,18 +21,6 @@ struct TrackedVolumeSpec {
   ULONG VolumeBytes = 1 << 20;
   ULONG FileSystemType = CBT_FILE_SYSTEM_NTFS;
   unsigned Number = 1;
-};
-
-// A write built by hand (IoAllocateIrp, an MDL over its own buffer when length is not 0)
-// and sent to `top`; the request is kept by its completion routine, which counts its
-// completions. Wait() waits for the completion and frees it. Prepare only builds it.
-struct SentWrite {
-  PIRP Irp = nullptr;
-  NTSTATUS Returned = 0;
-  KEVENT Done;
-  std::vector<uint8_t> Buffer;
-  int Completions = 0;
-  IO_STATUS_BLOCK Wait();
 };
 
 class TrackingTest : public CbtDriverTest {
@@ -48,9 +37,14 @@ class TrackingTest : public CbtDriverTest {
   // A write of `length` bytes at `offset` through the top of the stack, waited for.
   static Transferred Write(PDEVICE_OBJECT top, LONGLONG offset, ULONG length);
 
-  // A write (SentWrite) built, or built and sent to `top`.
-  static void Prepare(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags = 0);
-  static void Send(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags = 0);
+  // A write (sent_write.h) built, or built and sent to `top`; beside the fixture's own Send.
+  using CbtDriverTest::Send;
+  static void Prepare(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags = 0) {
+    kvtest::Prepare(write, top, offset, length, irpFlags);
+  }
+  static void Send(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags = 0) {
+    kvtest::Send(write, top, offset, length, irpFlags);
+  }
 
   // Records with this text, queued so far.
   static std::vector<CBT_LOG_RECORD_BODY> RecordsOf(const std::string& text);
