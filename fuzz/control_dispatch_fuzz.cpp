@@ -54,6 +54,10 @@ constexpr ULONG kTableCodes[] = {
     IOCTL_VOLSNAP_COMMIT_SNAPSHOT,
     IOCTL_VOLSNAP_RELEASE_WRITES,
     IOCTL_DISK_GET_LENGTH_INFO,
+    IOCTL_MOUNTDEV_LINK_CREATED,
+    IOCTL_MOUNTDEV_LINK_DELETED,
+    IOCTL_VOLUME_ONLINE,
+    IOCTL_VOLUME_OFFLINE,
 };
 
 [[noreturn]] void Fail(const char* what, const std::vector<kvhost::Violation>& violations = kvhost::TakeViolations()) {
