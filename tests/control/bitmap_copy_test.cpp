@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
+#include <set>
 #include <memory>
 #include <vector>
 
@@ -11,6 +13,7 @@
 #include "driver/cbt_device_extension.h"
 #include "kvcbt/control.h"
 #include "kvhost/io.h"
+#include "kvtestbed/disk_images.h"
 #include "probe_machine.h"
 #include "tracking/cbt_tracking.h"
 
@@ -145,6 +148,45 @@ TEST_F(BitmapCopyTest, AnOutputThatCannotBeMappedIsRefusedForWantOfResources) {
   EXPECT_EQ(result.Status, STATUS_INSUFFICIENT_RESOURCES);
   EXPECT_EQ(result.Information, 0u);
   EXPECT_EQ(Copy(125).Status, STATUS_SUCCESS) << "the next mapping works again";
+}
+
+// End to end on a real NTFS volume: after the volume came online, every block a write
+// touched is set in the bitmap a backup application copies out, and no other. Writes of every
+// size and alignment a volume takes, some completing from the storage thread.
+using BitmapCopyEndToEnd = kvtest::ProbeMachineTest;
+
+TEST_F(BitmapCopyEndToEnd, EveryBlockWrittenSinceOnlineIsSetAndNoOther) {
+  BuildMachine();
+  kvtestbed::Volume* c = AddVolume({.Name = "C:", .SizeBytes = 256ull << 20, .DriveLetter = u'C'});
+  ASSERT_NE(c, nullptr);
+  ASSERT_EQ(kvtestbed::FormatNtfs(*c, {.ClusterSize = 4096}), "");
+  BootMachine();
+  const CBT_DEVICE_EXTENSION* e = ExtensionOf(c);
+  ASSERT_TRUE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
+  const uint64_t bytesPerBit = e->BytesPerBit;
+  const uint64_t volumeBytes = c->SizeBytes();
+
+  std::mt19937_64 random(2024);
+  std::set<uint64_t> written;
+  for (int i = 0; i < 300; ++i) {
+    if (i == 150) c->SetCompleteFromThread(true);
+    const uint64_t sectors = 1 + random() % (i % 10 == 0 ? 2048 : 16);
+    const uint64_t length = sectors * 512;
+    const uint64_t offset = (random() % ((volumeBytes - length) / 512)) * 512;
+    ASSERT_EQ(machine_->Write(*c, offset, std::vector<uint8_t>(length, static_cast<uint8_t>(i))).Status,
+              STATUS_SUCCESS);
+    for (uint64_t block = offset / bytesPerBit; block <= (offset + length - 1) / bytesPerBit; ++block)
+      written.insert(block);
+  }
+  const ULONG bytes = (e->BitCount + 7) / 8;
+  const kvtestbed::IoResult copy = machine_->Control(*c, IOCTL_KVCBT_GET_VOLUME_BITMAP, {}, bytes);
+  ASSERT_EQ(copy.Status, STATUS_SUCCESS);
+  ASSERT_EQ(copy.Data.size(), bytes);
+  std::set<uint64_t> set;
+  for (uint64_t bit = 0; bit < e->BitCount; ++bit)
+    if ((copy.Data[bit / 8] >> (bit % 8)) & 1) set.insert(bit);
+  EXPECT_EQ(set, written);
+  EXPECT_EQ(e->UntrackedWriteCount, 0);
 }
 
 }  // namespace

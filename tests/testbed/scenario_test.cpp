@@ -1,5 +1,7 @@
 // kvcbt-sim's scenarios: mistakes are reported with their line before anything runs, and a
 // scenario runs to a report whose statuses, checks and summary tell what happened.
+#include <cstdio>
+#include <fstream>
 #include <random>
 
 #include "default_scenario.h"
@@ -34,6 +36,15 @@ TEST(Scenario, EachMistakeIsReportedWithItsLine) {
       {"volume C: size=64MiB sector=1024\n", 1, "bad sector size '1024'"},
       {"volume C: size=64MiB file-system=fat\n", 1, "unknown file system 'fat'"},
       {"volume C: size=2PiB\n", 1, "larger than 1 PiB"},
+      {"volume C: size=64MiB format=fat\n", 1, "unknown format 'fat'"},
+      {"volume C: size=64MiB format=ntfs cluster=3000\n", 1, "bad cluster size '3000'"},
+      {"volume C: size=64MiB sector=4096 format=ntfs cluster=512\n", 1, "bad cluster size '512'"},
+      {"volume C: size=64MiB cluster=4KiB\n", 1, "belong to format=ntfs"},
+      {"volume C: size=64MiB format=ntfs file-system=model\n", 1, "one file system"},
+      {"volume C: size=64KiB format=ntfs\n", 1, "at least 1MiB"},
+      {"volume C: size=64MiB format=ntfs label=\"abcdefghijklmnopqrstuvwxyz0123456\"\n", 1, "longer than 32"},
+      {"volume C: size=64MiB\nbitmap\n", 2, "bitmap needs a volume"},
+      {"volume C: size=64MiB\nbitmap C: picture=\n", 2, "picture= needs a file name"},
       {"volume C: colour=blue size=64MiB\n", 1, "unknown argument 'colour='"},
       {"volume C: size=64MiB\nvolume C: size=64MiB\n", 2, "declared twice"},
       {"volume C: size=64MiB\nshadow-copy C:\nshadow-copy C:@1\n", 3, "C:@1 is a shadow copy"},
@@ -153,6 +164,49 @@ TEST(ScenarioRun, TheDefaultScenarioRunsClean) {
   EXPECT_TRUE(report.Ok()) << FormatText(report, {});
   EXPECT_GE(report.Boots, 2u);
   EXPECT_EQ(report.PowerLosses, 1u);
+  size_t checkedBitmaps = 0, records = 0;
+  for (const StepReport& step : report.Steps) {
+    records += step.Records.size();
+    for (const std::string& line : step.Lines) checkedBitmaps += line.rfind("checked: ", 0) == 0;
+  }
+  EXPECT_EQ(checkedBitmaps, 2u) << "C:'s bitmap is copied out and checked at two boots";
+  EXPECT_GT(records, 0u) << "the driver's records are shown";
+}
+
+// The bitmap step copies the change bitmap out of the driver as a backup application does,
+// and tells apart the volumes it has none for.
+TEST(ScenarioRun, TheBitmapStepShowsAndChecksWhatTheDriverMarked) {
+  RegisterLinkedDrivers();
+  const std::string saved = testing::TempDir() + "kvsim-bitmap-test.bitmap";
+  const Report report = RunText(
+      "filter volume=kvcbt snapshot=kvcbt\n"
+      "setting DebugLog=1\n"
+      "volume C: size=128MiB format=ntfs cluster=4KiB\n"
+      "volume U: size=64MiB bus=usb format=ntfs\n"
+      "volume R: size=64MiB removable=yes\n"
+      "boot\n"
+      "write C: 0x100000 4KiB\n"
+      "write C: 0x110000 64KiB\n"     // the next block: one range with the first
+      "write C: 0x4000000 0x30000\n"  // three blocks
+      "write U: 0 4KiB\n"
+      "bitmap C: save=" + saved + "\n"
+      "bitmap U: expect=STATUS_INVALID_DEVICE_REQUEST\n"
+      "bitmap R: expect=STATUS_INVALID_DEVICE_REQUEST\n");
+  ASSERT_TRUE(report.Ok()) << FormatText(report, {});
+  const StepReport& c = report.Steps[10];
+  EXPECT_NE(c.Detail.find("5 of 2048 blocks of 64 KiB changed"), std::string::npos) << c.Detail;
+  ASSERT_GE(c.Lines.size(), 3u);
+  EXPECT_EQ(c.Lines[1], "  0x0000000000100000-0x000000000011FFFF  128 KiB");
+  EXPECT_EQ(c.Lines[2], "  0x0000000004000000-0x000000000402FFFF  192 KiB");
+  EXPECT_EQ(c.Lines.back().rfind("checked: each of the 5 blocks", 0), 0u) << c.Lines.back();
+  std::ifstream file(saved, std::ios::binary | std::ios::ate);
+  EXPECT_EQ(static_cast<long>(file.tellg()), 256) << "the raw copy-out: 2048 blocks in 256 bytes";
+  std::remove(saved.c_str());
+  EXPECT_NE(report.Steps[11].Detail.find("U: is excluded from tracking"), std::string::npos);
+  EXPECT_NE(report.Steps[12].Detail.find("R: has no tracking driver above it"), std::string::npos);
+  bool onlineRecorded = false;
+  for (const std::string& record : report.Steps[5].Records) onlineRecorded |= record.rfind("CbtVolumeOnline:", 0) == 0;
+  EXPECT_TRUE(onlineRecorded) << "the boot's records show each volume coming online";
 }
 
 }  // namespace
