@@ -26,10 +26,7 @@ using kvtest::kUntouched;
 class BitmapCopyTest : public kvtest::ProbeMachineTest {
  protected:
   void SetUp() override {
-    BuildMachine();
-    volume_ = AddVolume({.Name = "D:", .DriveLetter = u'D'});
-    ASSERT_NE(volume_, nullptr);
-    BootMachine();
+    BootWithOneVolume();
   }
 
   PCBT_DEVICE_EXTENSION Extension() const { return ExtensionOf(volume_); }
@@ -63,8 +60,6 @@ class BitmapCopyTest : public kvtest::ProbeMachineTest {
     for (const kvtest::LoggedRecord& record : TakeRecords("CbtDispatchDeviceControl")) statuses.push_back(record.Status);
     return statuses;
   }
-
-  kvtestbed::Volume* volume_ = nullptr;
 };
 
 TEST_F(BitmapCopyTest, TheReplyIsExactlyTheBitmapsBytesAndTheRestOfTheBufferIsUntouched) {

@@ -42,10 +42,7 @@ using Record = kvtest::LoggedRecord;
 class DeviceControlTest : public kvtest::ProbeMachineTest {
  protected:
   void SetUp() override {
-    BuildMachine();
-    volume_ = AddVolume({.Name = "D:", .DriveLetter = u'D'});
-    ASSERT_NE(volume_, nullptr);
-    BootMachine();
+    BootWithOneVolume();
     ASSERT_EQ(Extension()->DeviceObject, Top()) << "the driver's filter is the top of the volume's stack";
   }
 
@@ -66,8 +63,6 @@ class DeviceControlTest : public kvtest::ProbeMachineTest {
   // Defined with the rows of requests that travel on down, below.
   template <typename Rows>
   void SendEachAndExpectItPassedDown(const Rows& rows);
-
-  kvtestbed::Volume* volume_ = nullptr;
 };
 
 // ---------------------------------------------------------------------------------------

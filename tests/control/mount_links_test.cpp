@@ -37,10 +37,7 @@ std::u16string GuidNameOf(const CBT_DEVICE_EXTENSION* e) {
 class MountLinkTest : public kvtest::ProbeMachineTest {
  protected:
   void SetUp() override {
-    BuildMachine();
-    volume_ = AddVolume({.Name = "D:", .DriveLetter = u'D'});
-    ASSERT_NE(volume_, nullptr);
-    BootMachine();
+    BootWithOneVolume();
   }
 
   PCBT_DEVICE_EXTENSION Extension() const { return ExtensionOf(volume_); }
@@ -48,8 +45,6 @@ class MountLinkTest : public kvtest::ProbeMachineTest {
   ControlResult SendLink(ULONG code, std::vector<uint8_t> input) {
     return kvtest::SendControlRequest(volume_->TopOfStack(), {.Code = code, .Input = std::move(input)});
   }
-
-  kvtestbed::Volume* volume_ = nullptr;
 };
 
 TEST_F(MountLinkTest, TheMountManagersNamesAtBootAreRecorded) {

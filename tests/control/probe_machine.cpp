@@ -1,5 +1,6 @@
 #include "probe_machine.h"
 
+#include "control_request.h"
 #include "log/cbt_log_inspection.h"
 
 namespace kvtest {
@@ -27,6 +28,23 @@ void ProbeMachineTest::BootMachine() {
   ASSERT_EQ(machine_->Boot(), STATUS_SUCCESS);
   probe_.Clear();
   TakeRecords();
+}
+
+void ProbeMachineTest::BootWithOneVolume(const kvtestbed::VolumeConfig& config) {
+  BuildMachine();
+  volume_ = AddVolume(config);
+  ASSERT_NE(volume_, nullptr);
+  BootMachine();
+}
+
+std::future<NTSTATUS> ProbeMachineTest::SendHeldBelow(const kvtestbed::Volume* volume, ULONG code) {
+  probe_.Hold(code);
+  PDEVICE_OBJECT top = volume->TopOfStack();
+  std::future<NTSTATUS> status = std::async(std::launch::async, [top, code] {
+    return SendControlRequest(top, {.Code = code}).Status;
+  });
+  EXPECT_TRUE(probe_.WaitForHeld()) << "the request reached the volume's stack";
+  return status;
 }
 
 PCBT_DEVICE_EXTENSION ProbeMachineTest::ExtensionOf(const kvtestbed::Volume* volume) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,6 +33,14 @@ class ProbeMachineTest : public testing::Test {
   // Boots; what the boot sent below the driver and recorded is forgotten.
   void BootMachine();
 
+  // The machine with one volume (D: unless said otherwise), booted; in volume_.
+  void BootWithOneVolume(const kvtestbed::VolumeConfig& config = {.Name = "D:", .DriveLetter = u'D'});
+
+  // Sends a device-control request with `code` to the top of the volume's stack from another
+  // thread, with the probe holding it below the driver, and returns once it is held there:
+  // the future gives the request's final status after probe_.Release().
+  std::future<NTSTATUS> SendHeldBelow(const kvtestbed::Volume* volume, ULONG code);
+
   static PCBT_DEVICE_EXTENSION ExtensionOf(const kvtestbed::Volume* volume);
   // The records made since the last call, taken off the queue; only those with `text` when
   // one is given.
@@ -39,6 +48,7 @@ class ProbeMachineTest : public testing::Test {
 
   ProbeFilter probe_;  // outlives the machine, which unloads the filter
   std::unique_ptr<kvtestbed::Machine> machine_;
+  kvtestbed::Volume* volume_ = nullptr;  // BootWithOneVolume's
 };
 
 }  // namespace kvtest

@@ -99,11 +99,8 @@ TEST_F(VolumeOnlineTest, WritesSentWhileTheVolumeComesOnlineAreHeldThenTracked) 
   ASSERT_EQ(machine_->Offline(*c), STATUS_SUCCESS);
   ASSERT_FALSE(IsTracked(e));
 
-  probe_.Hold(IOCTL_VOLUME_ONLINE);
   PDEVICE_OBJECT top = c->TopOfStack();
-  auto online = std::async(std::launch::async,
-                           [top] { return kvtest::SendControlRequest(top, {.Code = IOCTL_VOLUME_ONLINE}).Status; });
-  ASSERT_TRUE(probe_.WaitForHeld()) << "the online reached the volume's stack";
+  std::future<NTSTATUS> online = SendHeldBelow(c, IOCTL_VOLUME_ONLINE);
   EXPECT_EQ(e->HoldCount, 1u);
 
   const uint64_t writesBefore = c->Counters().Writes;
@@ -139,13 +136,9 @@ TEST_F(VolumeOnlineTest, AFailedOnlineLeavesTheVolumeOfflineAndLetsItsHeldWrites
   ASSERT_EQ(machine_->Offline(*c), STATUS_SUCCESS);
 
   probe_.Answer(IOCTL_VOLUME_ONLINE, {.Status = STATUS_DEVICE_NOT_READY});
-  probe_.Hold(IOCTL_VOLUME_ONLINE);
-  PDEVICE_OBJECT top = c->TopOfStack();
-  auto online = std::async(std::launch::async,
-                           [top] { return kvtest::SendControlRequest(top, {.Code = IOCTL_VOLUME_ONLINE}).Status; });
-  ASSERT_TRUE(probe_.WaitForHeld());
+  std::future<NTSTATUS> online = SendHeldBelow(c, IOCTL_VOLUME_ONLINE);
   kvtest::SentWrite held;
-  kvtest::Send(held, top, 1 << 20, 4096);
+  kvtest::Send(held, c->TopOfStack(), 1 << 20, 4096);
   probe_.Release();
 
   EXPECT_EQ(online.get(), STATUS_DEVICE_NOT_READY) << "the volume's failure is the request's";
@@ -351,10 +344,7 @@ TEST_F(VolumeOnlineTest, OfflineDropsTheReaderBeforeTheVolumeGoesAndKeepsItOnlin
   PDEVICE_OBJECT top = c->TopOfStack();
 
   // While the volume below handles the offline, the reader is already gone.
-  probe_.Hold(IOCTL_VOLUME_OFFLINE);
-  auto offline = std::async(std::launch::async,
-                            [top] { return kvtest::SendControlRequest(top, {.Code = IOCTL_VOLUME_OFFLINE}).Status; });
-  ASSERT_TRUE(probe_.WaitForHeld());
+  std::future<NTSTATUS> offline = SendHeldBelow(c, IOCTL_VOLUME_OFFLINE);
   EXPECT_FALSE(IsTracked(e));
   EXPECT_EQ(e->FileSystemType, ULONG{CBT_FILE_SYSTEM_NONE});
   EXPECT_TRUE(CbtFlagsSet(e, CBT_FLAG_ONLINE)) << "online until the volume says otherwise";
