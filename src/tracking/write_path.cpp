@@ -106,8 +106,7 @@ NTSTATUS CbtDispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     // A read-only shadow copy has nothing to track; what the volume below makes of the
     // write is its own affair.
     CBT_LOG_VOLUME(extension, "CbtDispatchWrite", STATUS_INVALID_DEVICE_STATE);
-    CbtReleaseRemovalProtection(DeviceObject);
-    return CbtDispatchPassThrough(DeviceObject, Irp);
+    return CbtReleaseAndPassDown(DeviceObject, Irp);
   }
   if ((flags & (CBT_FLAG_ONLINE | CBT_FLAG_FILE_SYSTEM_READABLE)) == 0) {
     // Written before the volume came online: whatever is tracked from here on cannot vouch
@@ -158,6 +157,5 @@ NTSTATUS CbtWriteWorkerStageTwo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     InterlockedIncrement64(&extension->UntrackedWriteCount);
   }
 
-  CbtReleaseRemovalProtection(DeviceObject);
-  return CbtDispatchPassThrough(DeviceObject, Irp);
+  return CbtReleaseAndPassDown(DeviceObject, Irp);
 }
