@@ -34,6 +34,7 @@ NTSTATUS CreateFilterDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Physical
   PCBT_DEVICE_EXTENSION extension = CbtExtensionOf(filter);
   RtlZeroMemory(extension, sizeof(*extension));
   KeInitializeEvent(&extension->FileSystemMutex, SynchronizationEvent, TRUE);
+  ExInitializeRundownProtection(&extension->FileSystemRundown);
 
   // The device holds one removal-protection reference of its own until its removal. Without
   // a rundown block the volume is still filtered; its removal then simply does not wait.
