@@ -104,8 +104,8 @@ typedef struct _CBT_DEVICE_EXTENSION {
   // the reader, under the mutex, waits for these references before the reader goes.
   EX_RUNDOWN_REF FileSystemRundown;
 
-  KSPIN_LOCK HoldLock;  // guards HoldCount and HeldWriteList
-  ULONG HoldCount;      // while non-zero, writes are held
+  KSPIN_LOCK HoldLock;        // guards HoldCount's changes and HeldWriteList
+  volatile ULONG HoldCount;   // while non-zero, writes are held; changed by interlocked operations
   LIST_ENTRY HeldWriteList;
 
   PCBT_DRIVER_EXTENSION DriverExtension;
