@@ -156,10 +156,10 @@ struct TeardownWrite {
 class ReaderTeardownTest : public TrackingTest, public testing::WithParamInterface<Teardown> {};
 
 // Writes run on a volume with an NTFS reader while one of its teardowns takes the reader
-// away under them. No write looks through a reader being torn down (the ThreadSanitizer
-// build sees every access to it), every write completes once, and, where the bitmap stays,
-// every write that reached the volume is either marked or counted as untracked: none is
-// lost between the two.
+// away under them (how a teardown and a write inside the check meet, step by step, is
+// write_path_test's). Every write completes once, none is held up by the teardown for
+// good, and, where the bitmap stays, every write that reached the volume is either marked
+// or counted as untracked: none is lost between the two.
 TEST_P(ReaderTeardownTest, WritesNeverUseATornDownReaderAndLoseNoBit) {
   const Teardown teardown = GetParam();
   constexpr ULONG kPage = 4096;

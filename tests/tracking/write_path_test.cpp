@@ -2,8 +2,11 @@
 // critical work item when they arrive at DISPATCH_LEVEL or short of stack; refused when
 // they can be neither; and the volumes whose writes are not tracked.
 #include <gtest/gtest.h>
+#include <ntddvol.h>
 #include <wdm.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <thread>
 
@@ -272,6 +275,54 @@ TEST_F(WritePathTest, ARestartCountChangeFlushesTheTrackingFileBeforeTheWriteGoe
   flushes = RecordsOf("CbtFlushTrackingFile");
   ASSERT_EQ(flushes.size(), 1u);
   EXPECT_EQ(+flushes[0].Line, finalizingLine);
+}
+
+// A write looking at its data through the NTFS reader holds a reference on it (taken here
+// by hand, as by a write inside the check). The reader's teardown, here the volume going
+// offline, waits for that reference before the reader goes; a write that comes meanwhile
+// leaves the reader alone (its restart page keeps the clean flag) and is marked all the
+// same. Once the teardown is done, a reader set up again is looked through again.
+TEST_F(WritePathTest, TheReadersTeardownWaitsForTheWritesLookingThroughIt) {
+  Volume& volume = AddTrackedVolume();
+  PCBT_DEVICE_EXTENSION e = volume.Extension();
+  volume.Lower->ControlStatus = STATUS_SUCCESS;  // the volume below goes offline when told
+  ASSERT_TRUE(ExAcquireRundownProtection(&e->FileSystemRundown));
+  std::atomic<bool> offline{false};
+  std::thread teardown([&] {
+    EXPECT_EQ(DeviceControl(volume.Filter, IOCTL_VOLUME_OFFLINE).Status.Status, STATUS_SUCCESS);
+    offline = true;
+  });
+  // The wait has begun once no further reference can be had.
+  while (!offline.load() && ExAcquireRundownProtection(&e->FileSystemRundown)) {
+    ExReleaseRundownProtection(&e->FileSystemRundown);
+    std::this_thread::yield();
+  }
+  ASSERT_FALSE(offline.load()) << "the teardown did not wait for the reference";
+
+  SentWrite meanwhile;
+  SendData(meanwhile, volume.Filter, 8192, RestartPage(9));
+  EXPECT_EQ(meanwhile.Wait().Status, STATUS_SUCCESS);
+  EXPECT_TRUE(IsCleanRestartPage(meanwhile.Buffer.data())) << "the reader is not looked through while it goes";
+  EXPECT_EQ(e->LastRestartCount, 0u);
+  EXPECT_EQ(SetBits(e), (std::set<ULONG>{2}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(offline.load());
+  EXPECT_TRUE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT)) << "the reader is still there";
+
+  ExReleaseRundownProtection(&e->FileSystemRundown);
+  teardown.join();
+  EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
+  EXPECT_EQ(e->FileSystemType, ULONG{CBT_FILE_SYSTEM_NONE});
+
+  // A reader set up again, as the file system's initialisation does it.
+  KeInitializeSemaphore(&e->FileSystemContext.Ntfs.Lock, 1, 1);
+  e->FileSystemType = CBT_FILE_SYSTEM_NTFS;
+  CbtSetFlags(e, CBT_FLAG_FS_CONTEXT | CBT_FLAG_ONLINE);
+  SentWrite again;
+  SendData(again, volume.Filter, 16384, RestartPage(9));
+  EXPECT_EQ(again.Wait().Status, STATUS_SUCCESS);
+  EXPECT_FALSE(IsCleanRestartPage(again.Buffer.data()));
+  EXPECT_EQ(e->LastRestartCount, 9u);
 }
 
 TEST_F(WritePathTest, WritesArrivingWhileTheVolumeIsRemovedAreRefused) {
