@@ -84,6 +84,8 @@ class TrackedVolumeMachine {
     extension_->BitCount = bitCount;
     extension_->VolumeSize = kVolumeBytes;
     extension_->FileSystemType = CBT_FILE_SYSTEM_NTFS;
+    // A reader that recognised nothing yet: its lock is what the teardown at removal waits on.
+    KeInitializeSemaphore(&extension_->FileSystemContext.Ntfs.Lock, 1, 1);
     CbtSetFlags(extension_, CBT_FLAG_FS_CONTEXT | CBT_FLAG_ONLINE | CBT_FLAG_FILE_SYSTEM_READABLE);
 
     buffer_ = ExAllocatePoolWithTag(NonPagedPoolNx, kLargestWrite, kBenchTag);

@@ -9,9 +9,6 @@
 
 struct _CBT_DEVICE_EXTENSION;
 
-// Releases the request's removal protection and passes it down unchanged.
-NTSTATUS CbtReleaseAndPassDown(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);
-
 // ----- Tracking switch and queries (tracking_requests.cpp).
 NTSTATUS CbtEnableTracking(_In_ PDEVICE_OBJECT DeviceObject);
 NTSTATUS CbtDisableTracking(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);

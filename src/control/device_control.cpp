@@ -167,8 +167,3 @@ NTSTATUS CbtDispatchDeviceControl(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP
       return CbtReleaseAndPassDown(DeviceObject, Irp);
   }
 }
-
-NTSTATUS CbtReleaseAndPassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-  CbtReleaseRemovalProtection(DeviceObject);
-  return CbtDispatchPassThrough(DeviceObject, Irp);
-}

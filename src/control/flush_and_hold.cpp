@@ -4,6 +4,7 @@
 // Seam: until the tracking period is closed here, the request travels on down to the
 // shadow-copy provider unchanged.
 #include "control/cbt_control_handlers.h"
+#include "driver/cbt_dispatch.h"
 
 NTSTATUS CbtFlushAndHoldWrites(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   return CbtReleaseAndPassDown(DeviceObject, Irp);

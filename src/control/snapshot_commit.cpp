@@ -4,6 +4,7 @@
 // Seam: until shadow copies are followed here, these requests travel on down the volume's
 // stack unchanged.
 #include "control/cbt_control_handlers.h"
+#include "driver/cbt_dispatch.h"
 
 NTSTATUS CbtSetGptAttributes(PDEVICE_OBJECT DeviceObject, PIRP Irp) { return CbtReleaseAndPassDown(DeviceObject, Irp); }
 

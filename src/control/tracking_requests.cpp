@@ -4,6 +4,7 @@
 // STATUS_NOT_IMPLEMENTED (the dispatch completes the request with it); the other requests
 // travel on down the volume's stack unchanged.
 #include "control/cbt_control_handlers.h"
+#include "driver/cbt_dispatch.h"
 
 NTSTATUS CbtEnableTracking(PDEVICE_OBJECT DeviceObject) {
   UNREFERENCED_PARAMETER(DeviceObject);

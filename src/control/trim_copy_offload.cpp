@@ -3,6 +3,7 @@
 //
 // Seam: until these are handled, both requests travel on down the volume's stack unchanged.
 #include "control/cbt_control_handlers.h"
+#include "driver/cbt_dispatch.h"
 
 NTSTATUS CbtManageDataSetAttributes(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   return CbtReleaseAndPassDown(DeviceObject, Irp);

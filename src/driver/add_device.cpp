@@ -34,6 +34,7 @@ NTSTATUS CreateFilterDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Physical
   PCBT_DEVICE_EXTENSION extension = CbtExtensionOf(filter);
   RtlZeroMemory(extension, sizeof(*extension));
   KeInitializeEvent(&extension->FileSystemMutex, SynchronizationEvent, TRUE);
+  ExInitializeRundownProtection(&extension->FileSystemRundown);
 
   // The device holds one removal-protection reference of its own until its removal. Without
   // a rundown block the volume is still filtered; its removal then simply does not wait.
@@ -75,9 +76,10 @@ NTSTATUS CreateFilterDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Physical
 
   status = IoAttachDeviceToDeviceStackSafe(filter, PhysicalDeviceObject, &extension->LowerDeviceObject);
   if (!NT_SUCCESS(status)) {
-    // Nothing else has seen the device: everything it holds goes with it.
+    // Nothing else has seen the device: everything it holds goes with it. A volume whose
+    // name query succeeded without a name has none to free.
     if (extension->RundownProtection != NULL) ExFreePoolWithTag(extension->RundownProtection, CBT_POOL_TAG);
-    ExFreePoolWithTag(extension->DeviceName, CBT_POOL_TAG);
+    if (extension->DeviceName != NULL) ExFreePoolWithTag(extension->DeviceName, CBT_POOL_TAG);
     IoDeleteDevice(filter);
     return status;
   }

@@ -81,7 +81,7 @@ typedef struct _CBT_DEVICE_EXTENSION {
 
   KSEMAPHORE TrackingFileSemaphore;  // serialises tracking-file writes
   ULONG BaselineRestartCount;        // file-system restart or checkpoint count when tracking began
-  ULONG LastRestartCount;            // the count last seen written
+  volatile ULONG LastRestartCount;   // the count last seen written; exchanged as one interlocked operation
 
   WCHAR DriveLetter;  // '?' until a drive-letter link is seen; 'C' marks the system volume
   UNICODE_STRING VolumeGuidName;  // over VolumeGuidNameBuffer
@@ -99,9 +99,13 @@ typedef struct _CBT_DEVICE_EXTENSION {
 
   ULONG FileSystemType;  // CBT_FILE_SYSTEM_NONE, _NTFS or _REFS
   CBT_FILE_SYSTEM_CONTEXT FileSystemContext;
+  // Held by each write while it looks at its data through the NTFS reader, so that writes
+  // do so side by side rather than one at a time under FileSystemMutex; every teardown of
+  // the reader, under the mutex, waits for these references before the reader goes.
+  EX_RUNDOWN_REF FileSystemRundown;
 
-  KSPIN_LOCK HoldLock;  // guards HoldCount and HeldWriteList
-  ULONG HoldCount;      // while non-zero, writes are held
+  KSPIN_LOCK HoldLock;        // guards HoldCount's changes and HeldWriteList
+  volatile ULONG HoldCount;   // while non-zero, writes are held; changed by interlocked operations
   LIST_ENTRY HeldWriteList;
 
   PCBT_DRIVER_EXTENSION DriverExtension;

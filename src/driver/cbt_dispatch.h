@@ -15,6 +15,14 @@ DRIVER_DISPATCH CbtDispatchPassThrough;
 // recovery or reserved partition. Its requests pass through the driver untouched.
 BOOLEAN CbtIsVolumeExcluded(_In_ const struct _CBT_DEVICE_EXTENSION* Extension);
 
+// Gives back the request's removal protection, then passes the request unchanged to the
+// device below and returns the lower driver's status. The lower device is read from the
+// extension while the reference still holds: once it is given back, a removal may delete
+// the filter device, and its extension with it, at any moment. Without a lower device the
+// request completes with STATUS_INVALID_DEVICE_REQUEST. Every branch that is done with a
+// request it protected and lets it go on down ends here.
+NTSTATUS CbtReleaseAndPassDown(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);
+
 // Passes the request to the device below and waits for it; the request comes back to the
 // caller, which must complete it. Returns the lower driver's final status. PASSIVE_LEVEL.
 NTSTATUS CbtForwardIrpSynchronously(_In_ PDEVICE_OBJECT DeviceObject, _Inout_ PIRP Irp);

@@ -44,10 +44,8 @@ NTSTATUS DispatchRead(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     return CompleteRequest(Irp, STATUS_DEVICE_DOES_NOT_EXIST);
   }
   // Removable media is never tracked, so nothing of it is filtered or watched.
-  if ((extension->LowerDeviceObject->Characteristics & FILE_REMOVABLE_MEDIA) != 0) {
-    CbtReleaseRemovalProtection(DeviceObject);
-    return CbtDispatchPassThrough(DeviceObject, Irp);
-  }
+  if ((extension->LowerDeviceObject->Characteristics & FILE_REMOVABLE_MEDIA) != 0)
+    return CbtReleaseAndPassDown(DeviceObject, Irp);
   const ULONG flags = CbtReadFlags(extension);
   if ((flags & CBT_FLAG_FILE_SYSTEM_READABLE) == 0) {
     // The first read that succeeds on a volume whose file system could not be read (a
@@ -66,8 +64,7 @@ NTSTATUS DispatchRead(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     if (KeGetCurrentIrql() == PASSIVE_LEVEL) return CbtFilterSnapshotTrackingFileRead(DeviceObject, Irp);
     return DeferSnapshotRead(DeviceObject, extension, Irp);
   }
-  CbtReleaseRemovalProtection(DeviceObject);
-  return CbtDispatchPassThrough(DeviceObject, Irp);
+  return CbtReleaseAndPassDown(DeviceObject, Irp);
 }
 
 // Shutdown writes the tracking data once more (not yet final: the set-power request for

@@ -1,6 +1,21 @@
-// Passing a request to the volume below and waiting for it.
+// Passing a request on to the volume below: letting it go, or waiting for it.
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_dispatch.h"
+#include "driver/cbt_removal_protection.h"
+
+NTSTATUS CbtReleaseAndPassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+  PDEVICE_OBJECT lower = CbtExtensionOf(DeviceObject)->LowerDeviceObject;
+  CbtReleaseRemovalProtection(DeviceObject);
+  // From here on neither the filter device nor its extension may be touched.
+  if (lower == NULL) {
+    Irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
+    Irp->IoStatus.Information = 0;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return STATUS_INVALID_DEVICE_REQUEST;
+  }
+  IoSkipCurrentIrpStackLocation(Irp);
+  return IoCallDriver(lower, Irp);
+}
 
 NTSTATUS CbtForwardIrpSynchronously(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
   KEVENT done;

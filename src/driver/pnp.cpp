@@ -13,11 +13,6 @@ NTSTATUS PassDown(PCBT_DEVICE_EXTENSION Extension, PIRP Irp) {
   return IoCallDriver(Extension->LowerDeviceObject, Irp);
 }
 
-NTSTATUS ReleaseAndPassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-  CbtReleaseRemovalProtection(DeviceObject);
-  return PassDown(CbtExtensionOf(DeviceObject), Irp);
-}
-
 // The volume goes away: its tracking state is torn down while requests may still be
 // inside the driver, then the removal waits for them (held writes included) before the
 // filter device leaves the stack. The device's extension is gone once this returns.
@@ -58,7 +53,7 @@ NTSTATUS CbtDispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       return status;
     case IRP_MN_QUERY_REMOVE_DEVICE:
       CBT_LOG_VOLUME(extension, "CbtQueryRemoveDevice", STATUS_SUCCESS);
-      return ReleaseAndPassDown(DeviceObject, Irp);
+      return CbtReleaseAndPassDown(DeviceObject, Irp);
     case IRP_MN_REMOVE_DEVICE:
       return RemoveDevice(DeviceObject, Irp);
     case IRP_MN_CANCEL_REMOVE_DEVICE:
@@ -70,18 +65,18 @@ NTSTATUS CbtDispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
       return status;
     case IRP_MN_STOP_DEVICE:
       CBT_LOG_VOLUME(extension, "CbtStopDevice", STATUS_SUCCESS);
-      return ReleaseAndPassDown(DeviceObject, Irp);
+      return CbtReleaseAndPassDown(DeviceObject, Irp);
     case IRP_MN_QUERY_STOP_DEVICE:
       CBT_LOG_VOLUME(extension, "CbtQueryStopDevice", STATUS_SUCCESS);
-      return ReleaseAndPassDown(DeviceObject, Irp);
+      return CbtReleaseAndPassDown(DeviceObject, Irp);
     case IRP_MN_SURPRISE_REMOVAL:
       // The volume is gone already: nothing of its tracking state can be written back.
       CBT_LOG_VOLUME(extension, "CbtSurpriseRemoval", STATUS_SUCCESS);
       CbtSetFlags(extension, CBT_FLAG_SURPRISE_REMOVED);
       CbtTeardownVolume(extension, FALSE);
-      return ReleaseAndPassDown(DeviceObject, Irp);
+      return CbtReleaseAndPassDown(DeviceObject, Irp);
     default:
-      return ReleaseAndPassDown(DeviceObject, Irp);
+      return CbtReleaseAndPassDown(DeviceObject, Irp);
   }
 }
 

@@ -21,10 +21,11 @@ NTSTATUS CbtCheckPartitionType(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension);
 NTSTATUS NtfsInitialize(_In_ PDEVICE_OBJECT Device, _In_ ULONG Flags, _In_ ULONG VolumeNumber,
                         _In_ WCHAR DriveLetter, _Out_ PNTFS_VOLUME_CONTEXT Context);
 
-// Drops the volume's reader, if it has one: under FileSystemMutex the reader that
-// FileSystemType names is torn down, FileSystemType becomes none and CBT_FLAG_FS_CONTEXT is
-// cleared. Every teardown goes through here, so that a write never finds a reader half
-// gone (the write path calls the reader under the same mutex). PASSIVE_LEVEL.
+// Drops the volume's reader, if it has one: under FileSystemMutex, once no write holds a
+// reference on FileSystemRundown any more, the reader that FileSystemType names is torn
+// down, FileSystemType becomes none and CBT_FLAG_FS_CONTEXT is cleared. Every teardown goes
+// through here, so that a write never finds a reader half gone (the write path uses the
+// NTFS reader under such a reference and the ReFS reader under the mutex). PASSIVE_LEVEL.
 VOID CbtUninitializeFileSystem(_Inout_ struct _CBT_DEVICE_EXTENSION* Extension);
 
 // Tear a reader down. Callers hold the volume's FileSystemMutex and then set
@@ -34,12 +35,13 @@ NTSTATUS RefsInitialize(_In_ PDEVICE_OBJECT Device, _In_ ULONG Flags, _In_ ULONG
                         _In_ WCHAR DriveLetter, _Out_ PREFS_VOLUME_CONTEXT Context);
 VOID RefsUninitialize(_Inout_ PREFS_VOLUME_CONTEXT Context);
 
-// The write-side watch of the readers, called by the write path for each tracked write
-// while it holds FileSystemMutex. NTFS: TRUE when the write's data begins with a $LogFile
-// restart page, with Count set to its restart count; the page's clean flag is then cleared in
-// the data on its way to the disk. Takes no lock of its own and reads nothing from disk; IRQL
-// up to DISPATCH_LEVEL. ReFS: TRUE when Data, written at ByteOffset, replaces a checkpoint
-// with one of another count; the context then holds the new count.
+// The write-side watch of the readers, called by the write path for each tracked write.
+// NTFS, under a reference on the volume's FileSystemRundown and by many writes at once:
+// TRUE when the write's data begins with a $LogFile restart page, with Count set to its
+// restart count; the page's clean flag is then cleared in the data on its way to the disk.
+// Only reads the context, takes no lock of its own and reads nothing from disk; IRQL up to
+// DISPATCH_LEVEL. ReFS, under FileSystemMutex: TRUE when Data, written at ByteOffset,
+// replaces a checkpoint with one of another count; the context then holds the new count.
 BOOLEAN NtfsIsLogFileRestartCountIrp(_In_opt_ PNTFS_VOLUME_CONTEXT Context, _In_opt_ PIRP Irp,
                                      _Out_opt_ PULONG Count);
 BOOLEAN RefsIsWriteToCheckpoint(_Inout_ PREFS_VOLUME_CONTEXT Context, _In_ PVOID Data, _In_ ULONGLONG ByteOffset);

@@ -18,8 +18,7 @@ NTSTATUS CbtReadCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context)
 }
 
 NTSTATUS CbtFilterSnapshotTrackingFileRead(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-  CbtReleaseRemovalProtection(DeviceObject);
-  return CbtDispatchPassThrough(DeviceObject, Irp);
+  return CbtReleaseAndPassDown(DeviceObject, Irp);
 }
 
 VOID CbtSnapshotReadWorker(PDEVICE_OBJECT DeviceObject, PVOID Context) {

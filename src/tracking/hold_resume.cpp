@@ -12,6 +12,10 @@
 
 namespace {
 
+LONG volatile* HoldCountOf(PCBT_DEVICE_EXTENSION Extension) {
+  return reinterpret_cast<LONG volatile*>(&Extension->HoldCount);
+}
+
 // The driver-context words a held request is linked through.
 constexpr ULONG kHeldLinkWords = 3;
 
@@ -28,11 +32,17 @@ VOID ClearHeldLink(PIRP Irp) {
 VOID CbtHoldVolumeIo(PCBT_DEVICE_EXTENSION Extension) {
   KIRQL irql;
   KeAcquireSpinLock(&Extension->HoldLock, &irql);
-  ++Extension->HoldCount;
+  InterlockedIncrement(HoldCountOf(Extension));
   KeReleaseSpinLock(&Extension->HoldLock, irql);
 }
 
 ULONG CbtQueueHeldRequest(PCBT_DEVICE_EXTENSION Extension, PIRP Irp) {
+  // A volume that flows, the common case, is told by one load, without the lock: every
+  // change of the count is one interlocked operation. A request that reads 0 here goes on
+  // just as one that took the lock before the hold began would; only a request that may
+  // have to be queued takes the lock, and looks again under it, so that it is never queued
+  // behind the resume that ended the hold.
+  if (ReadAcquire(HoldCountOf(Extension)) == 0) return 0;
   KIRQL irql;
   KeAcquireSpinLock(&Extension->HoldLock, &irql);
   const ULONG holdCount = Extension->HoldCount;
@@ -49,7 +59,8 @@ VOID CbtResumeVolumeIo(PCBT_DEVICE_EXTENSION Extension) {
   LIST_ENTRY replay;
   KIRQL irql;
   KeAcquireSpinLock(&Extension->HoldLock, &irql);
-  if (Extension->HoldCount == 0 || --Extension->HoldCount != 0 || IsListEmpty(&Extension->HeldWriteList)) {
+  if (Extension->HoldCount == 0 || InterlockedDecrement(HoldCountOf(Extension)) != 0 ||
+      IsListEmpty(&Extension->HeldWriteList)) {
     // Not held, another holder remains, or nothing arrived meanwhile.
     KeReleaseSpinLock(&Extension->HoldLock, irql);
     return;

@@ -31,39 +31,53 @@ NTSTATUS CompleteWrite(PIRP Irp, NTSTATUS Status) {
   return Status;
 }
 
-// TRUE when the write carries a file-system restart or checkpoint count other than the one
-// last seen, which then becomes LastRestartCount.
-//
-// The reader is used only under FileSystemMutex, which every teardown of the reader takes
-// too: a removal, an offline or a boot-sector teardown racing this write can neither free
-// the reader under the call nor leave it half torn down, and the context flag is read again
-// under the mutex so a reader that went meanwhile is not called at all.
-BOOLEAN WriteChangesRestartCount(PCBT_DEVICE_EXTENSION Extension, PIRP Irp, LONGLONG ByteOffset) {
-  BOOLEAN changed = FALSE;
+// The checkpoint count a ReFS checkpoint write carries, when the write is one. The ReFS
+// check keeps the newest checkpoint count in the reader's state: it changes the reader, so
+// it runs under FileSystemMutex, one write at a time, and finds out again there whether the
+// reader is still a ReFS one.
+BOOLEAN RefsCheckpointCountOf(PCBT_DEVICE_EXTENSION Extension, PIRP Irp, LONGLONG ByteOffset, PULONG Count) {
+  if (Irp->MdlAddress == NULL) return FALSE;
+  BOOLEAN found = FALSE;
   KeWaitForSingleObject(&Extension->FileSystemMutex, Executive, KernelMode, FALSE, NULL);
-  if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) != 0) {
-    if (Extension->FileSystemType == CBT_FILE_SYSTEM_NTFS) {
-      ULONG count = 0;
-      if (NtfsIsLogFileRestartCountIrp(CbtNtfsContext(&Extension->FileSystemContext), Irp, &count) &&
-          count != Extension->LastRestartCount) {
-        Extension->LastRestartCount = count;
-        changed = TRUE;
-      }
-    } else if (Extension->FileSystemType == CBT_FILE_SYSTEM_REFS && Irp->MdlAddress != NULL) {
-      // Data that cannot be mapped is taken for a write that touches no checkpoint.
-      PVOID data = MmGetSystemAddressForMdlSafe(Irp->MdlAddress, kReaderMappingPriority);
-      PREFS_VOLUME_CONTEXT refs = &Extension->FileSystemContext.Refs;
-      if (data != NULL && RefsIsWriteToCheckpoint(refs, data, static_cast<ULONGLONG>(ByteOffset))) {
-        const ULONG count = static_cast<ULONG>(refs->CheckpointCount);
-        if (count != Extension->LastRestartCount) {
-          Extension->LastRestartCount = count;
-          changed = TRUE;
-        }
-      }
+  if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) != 0 && Extension->FileSystemType == CBT_FILE_SYSTEM_REFS) {
+    // Data that cannot be mapped is taken for a write that touches no checkpoint.
+    PVOID data = MmGetSystemAddressForMdlSafe(Irp->MdlAddress, kReaderMappingPriority);
+    PREFS_VOLUME_CONTEXT refs = CbtRefsContext(&Extension->FileSystemContext);
+    if (data != NULL && RefsIsWriteToCheckpoint(refs, data, static_cast<ULONGLONG>(ByteOffset))) {
+      *Count = static_cast<ULONG>(refs->CheckpointCount);
+      found = TRUE;
     }
   }
   KeSetEvent(&Extension->FileSystemMutex, IO_NO_INCREMENT, FALSE);
-  return changed;
+  return found;
+}
+
+// TRUE when the write carries a file-system restart or checkpoint count other than the one
+// last seen, which then becomes LastRestartCount.
+//
+// NTFS's check only reads the reader's state, so concurrent writes make it side by side
+// under a reference on the reader rather than one at a time under FileSystemMutex: every
+// teardown of the reader (removal, offline, a new boot sector) takes the mutex and waits
+// for these references before the reader goes, and a write that finds a teardown under way,
+// or the reader gone, does not look. The context flag is read with acquire semantics, so
+// that a reader set up since the last teardown is seen whole. The count is exchanged as one
+// operation: of writes racing with the same new count, exactly one sees the change.
+BOOLEAN WriteChangesRestartCount(PCBT_DEVICE_EXTENSION Extension, PIRP Irp, LONGLONG ByteOffset) {
+  ULONG count = 0;
+  BOOLEAN found = FALSE;
+  ULONG type = CBT_FILE_SYSTEM_NONE;
+  if (ExAcquireRundownProtection(&Extension->FileSystemRundown)) {
+    const LONG flags = ReadAcquire(reinterpret_cast<LONG const volatile*>(&Extension->Flags));
+    if ((static_cast<ULONG>(flags) & CBT_FLAG_FS_CONTEXT) != 0) type = Extension->FileSystemType;
+    if (type == CBT_FILE_SYSTEM_NTFS)
+      found = NtfsIsLogFileRestartCountIrp(CbtNtfsContext(&Extension->FileSystemContext), Irp, &count);
+    ExReleaseRundownProtection(&Extension->FileSystemRundown);
+  }
+  if (type == CBT_FILE_SYSTEM_REFS) found = RefsCheckpointCountOf(Extension, Irp, ByteOffset, &count);
+  if (!found) return FALSE;
+  const ULONG previous = static_cast<ULONG>(
+      InterlockedExchange(reinterpret_cast<LONG volatile*>(&Extension->LastRestartCount), static_cast<LONG>(count)));
+  return previous != count;
 }
 
 // The tracking file takes the new restart or checkpoint count in its header, and the
@@ -106,8 +120,7 @@ NTSTATUS CbtDispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     // A read-only shadow copy has nothing to track; what the volume below makes of the
     // write is its own affair.
     CBT_LOG_VOLUME(extension, "CbtDispatchWrite", STATUS_INVALID_DEVICE_STATE);
-    CbtReleaseRemovalProtection(DeviceObject);
-    return CbtDispatchPassThrough(DeviceObject, Irp);
+    return CbtReleaseAndPassDown(DeviceObject, Irp);
   }
   if ((flags & (CBT_FLAG_ONLINE | CBT_FLAG_FILE_SYSTEM_READABLE)) == 0) {
     // Written before the volume came online: whatever is tracked from here on cannot vouch
@@ -158,6 +171,5 @@ NTSTATUS CbtWriteWorkerStageTwo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     InterlockedIncrement64(&extension->UntrackedWriteCount);
   }
 
-  CbtReleaseRemovalProtection(DeviceObject);
-  return CbtDispatchPassThrough(DeviceObject, Irp);
+  return CbtReleaseAndPassDown(DeviceObject, Irp);
 }

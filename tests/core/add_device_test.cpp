@@ -11,6 +11,7 @@
 #include "kvhost/object.h"
 #include "kvhost/pool.h"
 #include "kvhost/registry.h"
+#include "kvhost/workqueue.h"
 
 namespace kvtest {
 namespace {
@@ -93,6 +94,7 @@ struct DeclinedCase {
   ULONG Flags;  // of the records
   ULONG VolumeNumber;
   NTSTATUS Status;
+  unsigned FailedNameQuery = 0;  // the call of the name query that fails with Status, 0 for none
 };
 
 class DeclinedTest : public CbtDriverTest, public testing::WithParamInterface<DeclinedCase> {};
@@ -103,6 +105,7 @@ TEST_P(DeclinedTest, GetsNoFilter) {
   const DeclinedCase& c = GetParam();
   ASSERT_EQ(LoadDriver(), STATUS_SUCCESS);
   DropRecords();
+  if (c.FailedNameQuery != 0) kvhost::ObFailNameQuery(c.FailedNameQuery, c.Status);
   Volume& volume = AddVolume(c.Spec);
   EXPECT_EQ(volume.Filter, nullptr);
   EXPECT_EQ(volume.Pdo->AttachedDevice, nullptr);
@@ -131,7 +134,11 @@ INSTANTIATE_TEST_SUITE_P(
                      CBT_FLAG_SNAPSHOT_DEVICE, 0, STATUS_UNRECOGNIZED_VOLUME},
         DeclinedCase{"OtherClass", WithClass(FixedVolume(4), &OtherClass(), FILE_DEVICE_DISK), 0, 0, STATUS_SUCCESS},
         DeclinedCase{"NoClass", WithClass(FixedVolume(4), nullptr, FILE_DEVICE_DISK), 0, 0,
-                     STATUS_OBJECT_NAME_NOT_FOUND}),
+                     STATUS_OBJECT_NAME_NOT_FOUND},
+        // The name query refused outright, and refused when the name grew between the query
+        // of its size and its copy (the buffer obtained for it is freed again).
+        DeclinedCase{"NameQueryRefused", FixedVolume(4), 0, 0, STATUS_ACCESS_DENIED, 1},
+        DeclinedCase{"NameGrewBetweenQueries", FixedVolume(4), 0, 0, STATUS_INFO_LENGTH_MISMATCH, 2}),
     [](const testing::TestParamInfo<DeclinedCase>& info) { return std::string(info.param.Name); });
 
 TEST_F(CbtDriverTest, FiltersCreatedInTheSameSecondShareTheirPeriodStamp) {
@@ -176,45 +183,177 @@ TEST(VolumeNameTest, TheNumberFollowsTheExactPrefix) {
 
 NTSTATUS KeepRequest(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; }
 
-// Each allocation of add-device, failed in turn: the volume is either filtered in full (a
-// filter without a rundown block only does not wait at removal) or not at all, and
-// add-device succeeds either way.
+constexpr ULONG kCbtTag = CBT_POOL_TAG;
+// The user-mode kernel's own allocations behind IoCreateDevice (the device object and its
+// extension) and IoRegisterLastChanceShutdownNotification.
+constexpr ULONG kDeviceTag = KV_POOL_TAG('D', 'e', 'v', 'o');
+constexpr ULONG kShutdownTag = KV_POOL_TAG('I', 'o', 'S', 'd');
+
+struct Expected {
+  ULONG Status;
+  ULONG Flags;
+  ULONG VolumeNumber;
+};
+
+void ExpectAddDeviceRecords(const std::vector<CBT_LOG_RECORD_BODY>& records, const std::vector<Expected>& expected) {
+  ASSERT_EQ(records.size(), expected.size());
+  for (size_t i = 0; i < records.size(); ++i) {
+    SCOPED_TRACE(testing::Message() << "record " << i);
+    EXPECT_STREQ(records[i].Text, "CbtAddDevice");
+    EXPECT_EQ(+records[i].Status, expected[i].Status);
+    EXPECT_EQ(+records[i].DeviceFlags, expected[i].Flags);
+    EXPECT_EQ(+records[i].VolumeNumber, expected[i].VolumeNumber);
+    EXPECT_EQ(+records[i].DriveLetter, u'?');
+  }
+}
+
+// Each allocation of add-device, failed in turn, for a fixed volume and a shadow copy. What
+// each failure leaves is what add-device promises: a failed name or class query is recorded
+// where it happened and again at the exit, before the volume's kind is known, and creates
+// nothing; a failed device creation is recorded after the announcement of the creation and
+// creates nothing; without a rundown block or a shutdown registration the volume is still
+// filtered in full (its removal then only does not wait, or it misses the last-chance
+// shutdown). Add-device succeeds in every case, so the volume's stack always starts.
 TEST_F(CbtDriverTest, EachAllocationOfAddDeviceCanFail) {
-  kvhost::SetRegistryDword(kServiceKey, u"DebugLog", 0);  // records would come from a cache
   ASSERT_EQ(LoadDriver(), STATUS_SUCCESS);
-  TestVolume* lower = CreateTestVolume(volumeDriver_, FixedVolume(3));
-  ASSERT_NE(lower, nullptr);
-  PDEVICE_OBJECT pdo = lower->Device;
-  size_t filtered = 0;
-  const unsigned long long walked = kvhost::ForEachAllocationFailure([&](unsigned long long k) {
-    // The removal request is built first, so that only add-device meets the failure.
-    PIRP remove = IoAllocateIrp(static_cast<CCHAR>(pdo->StackSize + 1), FALSE);
-    if (remove == nullptr) return;
-    EXPECT_EQ(Driver()->DriverExtension->AddDevice(Driver(), pdo), STATUS_SUCCESS) << k;
-    PDEVICE_OBJECT filter = pdo->AttachedDevice;
-    if (filter == nullptr) {
+  // Records come from the log's lookaside list. The load's records go back to it and leave
+  // it holding more than one run of add-device and removal records; each run takes its
+  // records from there and gives them back, so every run allocates alike and no record
+  // meets the fault.
+  DropRecords();
+  struct Case {
+    VolumeSpec Spec;
+    ULONG Flags;
+    ULONG Number;
+  };
+  for (const Case& c : {Case{FixedVolume(3), 0, 3}, Case{ShadowCopy(2), CBT_FLAG_SNAPSHOT_DEVICE, 2}}) {
+    SCOPED_TRACE(kvhost::ToUtf8(c.Spec.Name));
+    TestVolume* lower = CreateTestVolume(volumeDriver_, c.Spec);
+    ASSERT_NE(lower, nullptr);
+    PDEVICE_OBJECT pdo = lower->Device;
+    size_t filtered = 0;
+    const unsigned long long walked = kvhost::ForEachAllocationFailure([&](unsigned long long k) {
+      // The removal request is built first, so that only add-device meets the failure.
+      PIRP remove = IoAllocateIrp(static_cast<CCHAR>(pdo->StackSize + 1), FALSE);
+      if (remove == nullptr) return;
+      kvhost::LogAllocations(true);
+      EXPECT_EQ(Driver()->DriverExtension->AddDevice(Driver(), pdo), STATUS_SUCCESS) << k;
+      kvhost::LogAllocations(false);
+
+      // The failed attempt: add-device's own blocks come in the order name copy, class-GUID
+      // text, rundown block.
+      enum { kNone, kName, kClass, kDevice, kRundown, kShutdown } failed = kNone;
+      int own = 0;
+      for (const kvhost::PoolBlockInfo& attempt : kvhost::TakeAllocationLog()) {
+        if (attempt.Tag == kCbtTag) ++own;
+        if (attempt.Address != nullptr) continue;
+        if (attempt.Tag == kCbtTag)
+          failed = own == 1 ? kName : own == 2 ? kClass : kRundown;
+        else if (attempt.Tag == kDeviceTag)
+          failed = kDevice;
+        else if (attempt.Tag == kShutdownTag)
+          failed = kShutdown;
+        else
+          ADD_FAILURE() << "allocation " << k << " (" << kvhost::DescribeTag(attempt.Tag) << ") is not add-device's";
+      }
+      SCOPED_TRACE(testing::Message() << "allocation " << k << " failing (kind " << failed << ")");
+      const std::vector<CBT_LOG_RECORD_BODY> records = Records();
+      DropRecords();
+      const ULONG nomem = static_cast<ULONG>(STATUS_INSUFFICIENT_RESOURCES);
+      PDEVICE_OBJECT filter = pdo->AttachedDevice;
+      if (failed == kName || failed == kClass || failed == kDevice) {
+        EXPECT_EQ(filter, nullptr);
+        if (failed == kDevice)
+          ExpectAddDeviceRecords(records, {{0, c.Flags, c.Number}, {nomem, c.Flags, c.Number}, {nomem, c.Flags, c.Number}});
+        else
+          ExpectAddDeviceRecords(records, {{nomem, 0, 0}, {nomem, 0, 0}});
+        IoFreeIrp(remove);
+        return;
+      }
+      ASSERT_NE(filter, nullptr);
+      ++filtered;
+      ExpectAddDeviceRecords(records, {{0, c.Flags, c.Number}});
+      PCBT_DEVICE_EXTENSION e = CbtExtensionOf(filter);
+      EXPECT_EQ(e->VolumeNumber, c.Number);
+      EXPECT_NE(e->DeviceName, nullptr);
+      EXPECT_EQ(e->Flags, ULONG{CBT_FLAG_TRACKING_VALID} | c.Flags);
+      EXPECT_EQ(e->GptAttributes, c.Flags != 0 ? CBT_SNAPSHOT_GPT_ATTRIBUTES : 0u);
+      EXPECT_EQ(e->RundownProtection == nullptr, failed == kRundown);
+      EXPECT_EQ((filter->Flags & DO_SHUTDOWN_REGISTERED) != 0, failed != kShutdown);
+      EXPECT_FALSE(filter->Flags & DO_DEVICE_INITIALIZING);
+
+      PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(remove);
+      stack->MajorFunction = IRP_MJ_PNP;
+      stack->MinorFunction = IRP_MN_REMOVE_DEVICE;
+      remove->IoStatus.Status = STATUS_NOT_SUPPORTED;
+      IoSetCompletionRoutine(remove, KeepRequest, nullptr, TRUE, TRUE, TRUE);
+      EXPECT_EQ(IoCallDriver(filter, remove), STATUS_SUCCESS);
       IoFreeIrp(remove);
-      return;
-    }
-    ++filtered;
-    PCBT_DEVICE_EXTENSION e = CbtExtensionOf(filter);
-    EXPECT_EQ(e->VolumeNumber, 3u);
-    EXPECT_NE(e->DeviceName, nullptr);
-    EXPECT_EQ(e->Flags, ULONG{CBT_FLAG_TRACKING_VALID});
-    EXPECT_FALSE(filter->Flags & DO_DEVICE_INITIALIZING);
-    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(remove);
-    stack->MajorFunction = IRP_MJ_PNP;
-    stack->MinorFunction = IRP_MN_REMOVE_DEVICE;
-    remove->IoStatus.Status = STATUS_NOT_SUPPORTED;
-    IoSetCompletionRoutine(remove, KeepRequest, nullptr, TRUE, TRUE, TRUE);
-    EXPECT_EQ(IoCallDriver(filter, remove), STATUS_SUCCESS);
-    IoFreeIrp(remove);
+      EXPECT_EQ(pdo->AttachedDevice, nullptr);
+      DropRecords();
+    });
+    EXPECT_GE(walked, 5u) << "name, class, device, rundown block, shutdown registration";
+    EXPECT_GT(filtered, 2u) << "the volume stays filtered without a rundown block or a shutdown registration";
+    EXPECT_LT(filtered, walked + 1) << "some failures decline the volume";
+    DeleteTestVolume(lower);
+  }
+}
+
+// A volume whose name query succeeds without giving a name is filtered all the same, as
+// volume number 0; its removal has no name to free.
+TEST_F(CbtDriverTest, AVolumeWithoutANameIsFilteredAsNumberZero) {
+  ASSERT_EQ(LoadDriver(), STATUS_SUCCESS);
+  kvhost::ObFailNameQuery(1, STATUS_SUCCESS);
+  Volume& volume = AddVolume(FixedVolume(8));
+  ASSERT_NE(volume.Filter, nullptr);
+  EXPECT_EQ(volume.Extension()->DeviceName, nullptr);
+  EXPECT_EQ(volume.Extension()->VolumeNumber, 0u);
+  EXPECT_EQ(RemoveVolume(volume), STATUS_SUCCESS);
+}
+
+void FreeWorkItem(PDEVICE_OBJECT, PVOID context) { IoFreeWorkItem(static_cast<PIO_WORKITEM>(context)); }
+
+// A volume whose removal is under way when add-device reaches it: its device object is
+// deleted, but a queued work item of its driver still references it, so it lives on,
+// delete-pending, and the attach above it is refused. The filter device goes again with
+// the name (if the query gave one) and the rundown block it held; add-device still
+// succeeds, so the volume's stack is not held up.
+TEST_F(CbtDriverTest, AFailedAttachDeletesTheFilterWithWhatItHeld) {
+  ASSERT_EQ(LoadDriver(), STATUS_SUCCESS);
+  kvhost::SetManualWorkQueues(true);
+  for (const bool named : {true, false}) {
+    SCOPED_TRACE(named ? "named volume" : "name query that gives no name");
+    TestVolume* lower = CreateTestVolume(volumeDriver_, FixedVolume(5));
+    ASSERT_NE(lower, nullptr);
+    PDEVICE_OBJECT pdo = lower->Device;
+    PIO_WORKITEM item = IoAllocateWorkItem(pdo);
+    ASSERT_NE(item, nullptr);
+    IoQueueWorkItem(item, FreeWorkItem, DelayedWorkQueue, item);
+    DeleteTestVolume(lower);
+    // The device node outlives its device object's deletion: its class and name stay.
+    kvhost::IoSetDeviceClassGuid(pdo, VolumeClass());
+    ASSERT_TRUE(kvhost::ObSetObjectName(pdo, u"\\Device\\HarddiskVolume5"));
+    if (!named) kvhost::ObFailNameQuery(1, STATUS_SUCCESS);
+    DropRecords();
+    const size_t ownBlocks = kvhost::OutstandingBlocks(kCbtTag);
+
+    kvhost::LogAllocations(true);
+    EXPECT_EQ(Driver()->DriverExtension->AddDevice(Driver(), pdo), STATUS_SUCCESS);
+    kvhost::LogAllocations(false);
+    size_t rundownBlocks = 0;
+    for (const kvhost::PoolBlockInfo& attempt : kvhost::TakeAllocationLog())
+      if (attempt.Tag == kCbtTag && attempt.Address != nullptr && attempt.Bytes == ExSizeOfRundownProtectionCacheAware())
+        ++rundownBlocks;
+    EXPECT_EQ(rundownBlocks, 1u) << "the filter was created with its rundown block";
     EXPECT_EQ(pdo->AttachedDevice, nullptr);
-  });
-  EXPECT_GT(walked, 3u);
-  EXPECT_GT(filtered, 1u);
-  EXPECT_LT(filtered, walked + 1) << "some failures decline the volume";
-  DeleteTestVolume(lower);
+    EXPECT_EQ(Driver()->DeviceObject, nullptr) << "the filter device is deleted";
+    EXPECT_EQ(kvhost::OutstandingBlocks(kCbtTag), ownBlocks) << "its name and rundown block are freed";
+    const ULONG number = named ? 5 : 0;
+    ExpectAddDeviceRecords(Records(), {{0, 0, number}, {static_cast<ULONG>(STATUS_NO_SUCH_DEVICE), 0, number}});
+
+    // The work item lets the device object go.
+    EXPECT_EQ(kvhost::RunAllWorkItems(), 1u);
+  }
 }
 
 }  // namespace

@@ -215,16 +215,23 @@ TEST_F(DispatchTest, ShutdownAsksForAFlushAndHurriesTheLogOnC) {
   EXPECT_TRUE(CbtSystemShutdown);
 }
 
-// Only the move into the shutdown state finalizes; sleep and hibernate do not flush.
-class PowerTest : public DispatchTest, public testing::WithParamInterface<SYSTEM_POWER_STATE> {};
+// Only the move into the shutdown state finalizes; sleep and hibernate do not flush. What
+// counts is the state the system in effect enters, which a request may name apart from
+// the state it carries.
+struct PowerCase {
+  SYSTEM_POWER_STATE State;      // as the request names it
+  SYSTEM_POWER_STATE Effective;  // as its context has it
+};
 
-TEST_P(PowerTest, FlushesOnlyForTheShutdownState) {
-  const SYSTEM_POWER_STATE state = GetParam();
+class PowerTest : public DispatchTest, public testing::WithParamInterface<PowerCase> {};
+
+TEST_P(PowerTest, FlushesOnlyForTheEffectiveShutdownState) {
+  const PowerCase c = GetParam();
   Volume& system = Tracked();
   system.Extension()->DriveLetter = L'C';
   CbtSetFlags(system.Extension(), CBT_FLAG_TRACKING_FILE_READY);
-  EXPECT_EQ(SendSetSystemPower(system.Top(), state), STATUS_SUCCESS);
-  const bool shutdown = state == PowerSystemShutdown;
+  EXPECT_EQ(SendSetSystemPower(system.Top(), c.State, c.Effective), STATUS_SUCCESS);
+  const bool shutdown = c.Effective == PowerSystemShutdown;
   EXPECT_EQ(Recorded("CbtSetPower"), shutdown);
   EXPECT_EQ(Recorded("CbtFlushTrackingFile"), shutdown);
   EXPECT_EQ(KeReadStateEvent(&CbtEventLog.StopEvent), shutdown ? 1 : 0);
@@ -232,8 +239,12 @@ TEST_P(PowerTest, FlushesOnlyForTheShutdownState) {
 }
 
 INSTANTIATE_TEST_SUITE_P(States, PowerTest,
-                         testing::Values(PowerSystemWorking, PowerSystemSleeping3, PowerSystemHibernate,
-                                         PowerSystemShutdown));
+                         testing::Values(PowerCase{PowerSystemWorking, PowerSystemWorking},
+                                         PowerCase{PowerSystemSleeping3, PowerSystemSleeping3},
+                                         PowerCase{PowerSystemHibernate, PowerSystemHibernate},
+                                         PowerCase{PowerSystemShutdown, PowerSystemShutdown},
+                                         PowerCase{PowerSystemHibernate, PowerSystemShutdown},
+                                         PowerCase{PowerSystemShutdown, PowerSystemHibernate}));
 
 TEST_F(DispatchTest, ADevicePowerRequestNeverFlushes) {
   Volume& volume = Tracked();

@@ -110,34 +110,94 @@ TEST_F(CbtDriverTest, UnloadFreesEveryDriverWideBufferAndQueuedRecord) {
   EXPECT_EQ(kvhost::IoCountPlugPlayNotifications(), 0u);
 }
 
-// Every allocation of a load, failed in turn: the load either fails with the stated status
-// (only the registry-path copy and the driver-object extension are fatal) or goes on with
-// the part that needed the memory switched off; a loaded driver unloads without leftovers.
+// Every allocation of a load, failed in turn, and what each failure leaves. Only the
+// registry-path copy and the driver-object extension are fatal: the load fails with
+// STATUS_INSUFFICIENT_RESOURCES and leaves nothing that could call into the unloaded image,
+// neither the volume-interface notification nor the boot reinitialization. Any other
+// failure switches off the part that needed the memory and leaves the rest as a load
+// without faults has it; a loaded driver unloads without leftovers.
 TEST_F(CbtDriverTest, EachAllocationOfALoadCanFail) {
   SetClassFilters(VolumeClass(), u"UpperFilters", {u"kvcbt"});
   kvhost::SetRegistryString(kServiceKey, u"DebugLogPath", u"\\??\\C:\\kvcbt.log", REG_EXPAND_SZ);
   const size_t pathBytes = kServiceKey.size() * sizeof(WCHAR) + sizeof(WCHAR);
+  constexpr ULONG kStringTag = KV_POOL_TAG('S', 't', 'r', 'g');  // the kernel's string buffers
+  constexpr ULONG kQueryBytes = 4096;
+  const ULONG notFound = static_cast<ULONG>(STATUS_OBJECT_NAME_NOT_FOUND);
+  struct LoadRecord {
+    std::string Text;
+    ULONG Status;
+    bool operator==(const LoadRecord&) const = default;
+  };
+  // The records of a load without faults; the class-filter lists are entries 1 to 4.
+  const std::vector<LoadRecord> unfaulted = {{"Driver Loaded 10.0.1000", 0}, {"kvcbt;", 0}, {"none", notFound},
+                                             {"none", notFound},           {"none", notFound}, {"ExcludeUSB", 1},
+                                             {"ExcludeVHD", 0}};
   const unsigned long long walked = kvhost::ForEachAllocationFailure([&](unsigned long long k) {
     kvhost::LogAllocations(true);
     kvhost::TakeDebugOutput();
-    const NTSTATUS status = LoadDriver();
+    kvhost::LoadedDriver loaded = kvhost::IoLoadDriver(u"kvcbt", DriverEntry, kServiceKey);
+    driver_ = loaded.DriverObject;
     kvhost::LogAllocations(false);
+    const size_t reinitializations = kvhost::IoRunBootDriverReinitialization();
+    EXPECT_EQ(kvhost::TakeDebugOutput().size(), 1u) << "the banner comes before anything can fail";
+
+    // The failed attempt, and how many attempts of its kind came before it.
     kvhost::PoolBlockInfo failed;
-    for (const kvhost::PoolBlockInfo& attempt : kvhost::TakeAllocationLog())
-      if (attempt.Address == nullptr) failed = attempt;
-    EXPECT_EQ(kvhost::TakeDebugOutput().size(), 1u);
-    const bool fatal = k != 0 && ((failed.Tag == kCbtTag && failed.Bytes == pathBytes) ||
-                                  failed.Tag == KV_POOL_TAG('D', 'r', 'v', 'i'));
+    int records = 0, strings = 0, queries = 0, nth = 0;
+    for (const kvhost::PoolBlockInfo& attempt : kvhost::TakeAllocationLog()) {
+      const bool record = attempt.Tag == kLogTag && attempt.Bytes == CBT_LOG_RECORD_SIZE;
+      const bool query = attempt.Tag == kCbtTag && attempt.Bytes == kQueryBytes && attempt.Type == PagedPool;
+      records += record ? 1 : 0;
+      strings += attempt.Tag == kStringTag ? 1 : 0;
+      queries += query ? 1 : 0;
+      if (attempt.Address != nullptr) continue;
+      failed = attempt;
+      nth = record ? records : attempt.Tag == kStringTag ? strings : queries;
+    }
     SCOPED_TRACE(testing::Message() << "allocation " << k << " of " << kvhost::DescribeTag(failed.Tag) << ", "
                                     << failed.Bytes << " bytes");
-    EXPECT_EQ(status, fatal ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS);
+    const bool fatal = k != 0 && ((failed.Tag == kCbtTag && failed.Bytes == pathBytes) ||
+                                  failed.Tag == KV_POOL_TAG('D', 'r', 'v', 'i'));
+    EXPECT_EQ(loaded.EntryStatus, fatal ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS);
     if (fatal) {
+      EXPECT_EQ(driver_, nullptr);
       EXPECT_EQ(kvhost::IoCountPlugPlayNotifications(), 0u);
+      EXPECT_EQ(reinitializations, 0u);
       return;
     }
-    if (failed.Tag == kLogTag && failed.Bytes == CBT_LOG_BUFFER_SIZE) {
-      EXPECT_TRUE(Records().empty()) << "without its image the log never records";
+
+    std::vector<LoadRecord> expected = unfaulted;
+    size_t notifications = 1, expectedReinitializations = 1;
+    if (k == 0) {
+      // No fault.
+    } else if (failed.Tag == kLogTag && failed.Bytes == CBT_LOG_BUFFER_SIZE) {
+      expected.clear();  // without its image the log never records
+    } else if (failed.Tag == kCbtTag && failed.Bytes == 10 * sizeof(RTL_QUERY_REGISTRY_TABLE)) {
+      expected.clear();  // the settings keep their defaults, and DebugLog is off by default
+    } else if (failed.Tag == kLogTag && failed.Bytes == CBT_LOG_RECORD_SIZE) {
+      expected.erase(expected.begin() + (nth - 1));  // that record is lost, the others stay
+    } else if (failed.Tag == kStringTag && nth == 1) {
+      // The debug log's path: the settings before it are read all the same.
+    } else if (failed.Tag == kStringTag || (failed.Tag == kCbtTag && failed.Bytes == kQueryBytes &&
+                                            failed.Type == PagedPool)) {
+      // A class-filter list (the GUID's text, or the query's buffer) reads "none".
+      const int list = failed.Tag == kStringTag ? nth - 1 : nth;
+      expected[list] = {"none", static_cast<ULONG>(failed.Tag == kStringTag ? STATUS_NO_MEMORY
+                                                                           : STATUS_INSUFFICIENT_RESOURCES)};
+    } else if (failed.Tag == kCbtTag && failed.Bytes == kQueryBytes) {
+      // The boot-time defragmentation check answers no: nothing to record.
+    } else if (failed.Tag == KV_POOL_TAG('P', 'n', 'p', 'N')) {
+      notifications = 0;  // volumes are still filtered; only their notifications are missed
+    } else if (failed.Tag == KV_POOL_TAG('I', 'o', 'R', 'i')) {
+      expectedReinitializations = 0;
+    } else {
+      ADD_FAILURE() << "an allocation the walk does not know";
     }
+    std::vector<LoadRecord> found;
+    for (const CBT_LOG_RECORD_BODY& record : Records()) found.push_back({record.Text, record.Status});
+    EXPECT_EQ(found, expected);
+    EXPECT_EQ(kvhost::IoCountPlugPlayNotifications(), notifications);
+    EXPECT_EQ(reinitializations, expectedReinitializations);
     UnloadDriver();
   });
   EXPECT_GT(walked, 5u);

@@ -101,13 +101,18 @@ NTSTATUS CbtDriverTest::SendPnp(PDEVICE_OBJECT top, UCHAR minor) {
       .Status.Status;
 }
 
-NTSTATUS CbtDriverTest::SendSetSystemPower(PDEVICE_OBJECT top, SYSTEM_POWER_STATE state) {
+NTSTATUS CbtDriverTest::SendSetSystemPower(PDEVICE_OBJECT top, SYSTEM_POWER_STATE state,
+                                           SYSTEM_POWER_STATE effective) {
+  SYSTEM_POWER_STATE_CONTEXT context = {};
+  context.TargetSystemState = static_cast<ULONG>(state);
+  context.EffectiveSystemState = static_cast<ULONG>(effective == PowerSystemUnspecified ? state : effective);
+  context.CurrentSystemState = PowerSystemWorking;
   return Send(top, [&](PIO_STACK_LOCATION stack) {
            stack->MajorFunction = IRP_MJ_POWER;
            stack->MinorFunction = IRP_MN_SET_POWER;
            stack->Parameters.Power.Type = SystemPowerState;
            stack->Parameters.Power.State.SystemState = state;
-           stack->Parameters.Power.SystemContext = static_cast<ULONG>(state) << 12;
+           stack->Parameters.Power.SystemPowerStateContext = context;
          })
       .Status.Status;
 }

@@ -57,8 +57,8 @@ class CbtDriverTest : public testing::Test {
   void UnloadDriver();
   PDRIVER_OBJECT Driver() const { return driver_; }
 
-  // A physical device object of the spec, offered to the driver's add-device routine and
-  // started through the top of its stack.
+  // A physical device object described by `spec`, offered to the driver's add-device
+  // routine and started through the top of its stack.
   Volume& AddVolume(const VolumeSpec& spec);
   // IRP_MN_REMOVE_DEVICE through the top of the stack, then the physical device goes.
   NTSTATUS RemoveVolume(Volume& volume);
@@ -67,8 +67,11 @@ class CbtDriverTest : public testing::Test {
   // waited for. The request's status starts as STATUS_NOT_SUPPORTED, as Plug and Play's do.
   static Transferred Send(PDEVICE_OBJECT top, const std::function<void(PIO_STACK_LOCATION)>& setup);
   static NTSTATUS SendPnp(PDEVICE_OBJECT top, UCHAR minor);
-  // IRP_MN_SET_POWER of a system state, the effective state in bits 12-15 of the context.
-  static NTSTATUS SendSetSystemPower(PDEVICE_OBJECT top, SYSTEM_POWER_STATE state);
+  // IRP_MN_SET_POWER of a system state: the request names `state` (its system state and the
+  // context's target state) while the system in effect enters `effective` (the context's
+  // effective state, bits 12-15), `state` itself unless given.
+  static NTSTATUS SendSetSystemPower(PDEVICE_OBJECT top, SYSTEM_POWER_STATE state,
+                                     SYSTEM_POWER_STATE effective = PowerSystemUnspecified);
   static Transferred SendMajor(PDEVICE_OBJECT top, UCHAR major);
   static Transferred DeviceControl(PDEVICE_OBJECT top, ULONG code, void* buffer = nullptr, ULONG inLength = 0,
                                    ULONG outLength = 0);

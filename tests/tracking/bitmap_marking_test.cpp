@@ -56,6 +56,22 @@ TEST_F(BitmapMarkingTest, RewritingMarkedBlocksReturnsFalseAndCountsNothing) {
   EXPECT_EQ(SetBits(e), (std::set<ULONG>{0, 1, 2, 3, 4}));
 }
 
+// The time spent setting bits adds up, in microseconds, with each mark that sets some; a
+// mark of blocks already set adds nothing. Millions of bits take the clock far past a
+// microsecond each time.
+TEST_F(BitmapMarkingTest, TheTimeSpentSettingNewBitsAccumulates) {
+  PCBT_DEVICE_EXTENSION e = Tracked(512);
+  ASSERT_EQ(CbtAllocateTrackingBitMap(e, 4u << 20), STATUS_SUCCESS);  // 2 GiB in 512-byte blocks
+  constexpr ULONG kHalf = 1u << 30;
+  ASSERT_TRUE(CbtSetBitsInTrackingBitmap(e, 0, kHalf, FALSE));
+  const LONG64 first = e->TrackingTimeMicroseconds;
+  EXPECT_GT(first, 0);
+  EXPECT_FALSE(CbtSetBitsInTrackingBitmap(e, 0, kHalf, FALSE));
+  EXPECT_EQ(e->TrackingTimeMicroseconds, first);
+  ASSERT_TRUE(CbtSetBitsInTrackingBitmap(e, kHalf, kHalf, FALSE));
+  EXPECT_GT(e->TrackingTimeMicroseconds, first);
+}
+
 TEST_F(BitmapMarkingTest, ARangePastTheEndIsCutThereAndRecorded) {
   PCBT_DEVICE_EXTENSION e = Tracked();  // 16 bits
   EXPECT_TRUE(CbtSetBitsInTrackingBitmap(e, 15 * 65536, 3 * 65536, FALSE)) << "starts at the last bit";

@@ -1,9 +1,18 @@
 // Tracked volumes for the tests of the change bitmap and the write path (tracked_volume.h).
 #include "tracked_volume.h"
 
+#include <algorithm>
+
+#include "fs/ntfs_layout.h"
 #include "tracking/cbt_tracking.h"
 
 namespace kvtest {
+namespace {
+
+// Where the restart area sits in a restart page built here.
+constexpr USHORT kRestartAreaOffset = 0x30;
+
+}  // namespace
 
 void TrackingTest::SetUp() {
   CbtDriverTest::SetUp();
@@ -44,6 +53,32 @@ std::set<ULONG> TrackingTest::SetBits(const CBT_DEVICE_EXTENSION* extension) {
 Transferred TrackingTest::Write(PDEVICE_OBJECT top, LONGLONG offset, ULONG length) {
   std::vector<uint8_t> data(length, 0x5A);
   return Transfer(top, IRP_MJ_WRITE, data.data(), length, offset);
+}
+
+void TrackingTest::SendData(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, const std::vector<uint8_t>& data) {
+  Prepare(write, top, offset, static_cast<ULONG>(data.size()));
+  std::copy(data.begin(), data.end(), write.Buffer.begin());
+  if (write.Irp != nullptr) write.Returned = IoCallDriver(top, write.Irp);
+}
+
+std::vector<uint8_t> TrackingTest::RestartPage(ULONG count) {
+  std::vector<uint8_t> page(LFS_PAGE_SIZE, 0);
+  auto* header = reinterpret_cast<LFS_RESTART_PAGE_HEADER*>(page.data());
+  header->MultiSectorHeader.Signature = LFS_SIGNATURE_RESTART_PAGE;
+  header->SystemPageSize = LFS_PAGE_SIZE;
+  header->LogPageSize = LFS_PAGE_SIZE;
+  header->RestartOffset = kRestartAreaOffset;
+  header->MajorVersion = 1;
+  header->MinorVersion = 1;
+  auto* area = reinterpret_cast<LFS_RESTART_AREA*>(page.data() + kRestartAreaOffset);
+  area->Flags = LFS_RESTART_AREA_CLEAN;
+  area->RestartLogOpenCount = count;
+  return page;
+}
+
+bool TrackingTest::IsCleanRestartPage(const uint8_t* page) {
+  const auto* area = reinterpret_cast<const LFS_RESTART_AREA*>(page + kRestartAreaOffset);
+  return (area->Flags & LFS_RESTART_AREA_CLEAN) != 0;
 }
 
 std::vector<CBT_LOG_RECORD_BODY> TrackingTest::RecordsOf(const std::string& text) {

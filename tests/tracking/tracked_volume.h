@@ -45,6 +45,13 @@ class TrackingTest : public CbtDriverTest {
   static void Send(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, ULONG length, ULONG irpFlags = 0) {
     kvtest::Send(write, top, offset, length, irpFlags);
   }
+  // A write of `data`, built and sent to `top`.
+  static void SendData(SentWrite& write, PDEVICE_OBJECT top, LONGLONG offset, const std::vector<uint8_t>& data);
+
+  // A $LogFile restart page as NTFS writes it, its restart area carrying `count` and the
+  // clean flag; and whether a page so built still has the flag when it reaches the disk.
+  static std::vector<uint8_t> RestartPage(ULONG count);
+  static bool IsCleanRestartPage(const uint8_t* page);
 
   // Records with this text, queued so far.
   static std::vector<CBT_LOG_RECORD_BODY> RecordsOf(const std::string& text);

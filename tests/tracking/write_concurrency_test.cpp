@@ -1,13 +1,17 @@
 // Many writers on one volume while holds come and go and the bitmap is reallocated under
 // them: every write that reached the volume has its blocks marked, nothing else is marked,
-// and every write completes exactly once. Built for ThreadSanitizer as well.
+// and every write completes exactly once. And writers on a volume whose file-system reader
+// is torn down under them. Built for ThreadSanitizer as well.
 #include <gtest/gtest.h>
+#include <ntddvol.h>
 #include <wdm.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <random>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -136,6 +140,138 @@ void WriteConcurrencyTest::Run(unsigned number) {
 TEST_F(WriteConcurrencyTest, WritersHoldsAndReallocationsLoseNoBitAndCompleteEachWriteOnce) {
   for (unsigned run = 1; run <= 3 && !HasFailure(); ++run) Run(run);
 }
+
+// The teardowns of a volume's file-system reader, each racing writes that look at their
+// data through it.
+enum class Teardown { BootSector, Offline, Removal };
+
+struct TeardownWrite {
+  ULONG Block = 0;
+  bool RestartPage = false;
+  bool Looked = false;  // the reader took the restart page's clean flag
+  NTSTATUS Status = STATUS_PENDING;
+  int Completions = 0;
+};
+
+class ReaderTeardownTest : public TrackingTest, public testing::WithParamInterface<Teardown> {};
+
+// Writes run on a volume with an NTFS reader while one of its teardowns takes the reader
+// away under them (how a teardown and a write inside the check meet, step by step, is
+// write_path_test's). Every write completes once, none is held up by the teardown for
+// good, and, where the bitmap stays, every write that reached the volume is either marked
+// or counted as untracked: none is lost between the two.
+TEST_P(ReaderTeardownTest, WritesNeverUseATornDownReaderAndLoseNoBit) {
+  const Teardown teardown = GetParam();
+  constexpr ULONG kPage = 4096;
+  constexpr int kTeardownWriters = 4;
+  constexpr int kTeardownWritesEach = 300;
+  constexpr ULONG kRestartCount = 7;
+  Volume& volume = AddTrackedVolume({.BytesPerBit = kPage, .VolumeBytes = 2048 * kPage});
+  PCBT_DEVICE_EXTENSION e = volume.Extension();
+  PDEVICE_OBJECT filter = volume.Filter;
+  volume.Lower->ControlStatus = STATUS_SUCCESS;  // the volume below goes offline when told
+  if (teardown == Teardown::BootSector) CbtSetFlags(e, CBT_FLAG_LOCKED);
+  // The removal waits for this reference, so that writes can still reach the filter while
+  // the removal's teardown runs; each writer stops at its first write refused.
+  if (teardown == Teardown::Removal) {
+    ASSERT_EQ(CbtAcquireRemovalProtection(filter), ULONG{CbtRemovalActive});
+  }
+
+  std::atomic<int> completed{0};
+  std::vector<std::vector<TeardownWrite>> logs(kTeardownWriters);
+  std::vector<std::thread> writers;
+  for (int w = 0; w < kTeardownWriters; ++w)
+    writers.emplace_back([&, w] {
+      std::mt19937 random(w + 1);
+      for (int n = 0; n < kTeardownWritesEach; ++n) {
+        TeardownWrite done;
+        done.Block = 1 + static_cast<ULONG>(n * kTeardownWriters + w);  // block 0 is the boot sector
+        done.RestartPage = random() % 3 == 0;
+        SentWrite write;
+        Prepare(write, filter, LONGLONG{done.Block} * kPage, kPage);
+        if (done.RestartPage) {
+          const std::vector<uint8_t> page = RestartPage(kRestartCount);
+          std::copy(page.begin(), page.end(), write.Buffer.begin());
+        }
+        const bool atDispatch = random() % 4 == 0;
+        write.Returned = kvhost::RunAtIrql(atDispatch ? DISPATCH_LEVEL : PASSIVE_LEVEL,
+                                           [&] { return IoCallDriver(filter, write.Irp); });
+        done.Status = write.Wait().Status;
+        done.Completions = write.Completions;
+        done.Looked = done.RestartPage && !IsCleanRestartPage(write.Buffer.data());
+        logs[w].push_back(done);
+        ++completed;
+        if (done.Status == STATUS_DEVICE_NOT_CONNECTED) break;
+      }
+    });
+
+  // A third of the way in, the reader goes.
+  while (completed.load() < kTeardownWriters * kTeardownWritesEach / 3) std::this_thread::yield();
+  std::thread removal;
+  switch (teardown) {
+    case Teardown::BootSector:
+      EXPECT_EQ(Write(filter, 0, 512).Status.Status, STATUS_SUCCESS);
+      break;
+    case Teardown::Offline:
+      EXPECT_EQ(DeviceControl(filter, IOCTL_VOLUME_OFFLINE).Status.Status, STATUS_SUCCESS);
+      break;
+    case Teardown::Removal:
+      removal = std::thread([&] { EXPECT_EQ(SendPnp(filter, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS); });
+      break;
+  }
+  for (std::thread& writer : writers) writer.join();
+
+  std::set<ULONG> written;
+  int succeeded = 0, looked = 0;
+  for (const std::vector<TeardownWrite>& log : logs)
+    for (const TeardownWrite& write : log) {
+      EXPECT_EQ(write.Completions, 1) << "block " << write.Block;
+      looked += write.Looked ? 1 : 0;
+      if (write.Status == STATUS_SUCCESS) {
+        ++succeeded;
+        written.insert(write.Block);
+      } else {
+        EXPECT_TRUE(teardown == Teardown::Removal && write.Status == STATUS_DEVICE_NOT_CONNECTED)
+            << "block " << write.Block << ": 0x" << std::hex << write.Status;
+      }
+    }
+  EXPECT_EQ(volume.Lower->Requests[IRP_MJ_WRITE].load(), succeeded + (teardown == Teardown::BootSector ? 1 : 0));
+
+  if (teardown == Teardown::Removal) {
+    // The volume goes once the last reference is given back; with it its counters.
+    CbtReleaseRemovalProtection(filter);
+    removal.join();
+    DeleteTestVolume(volume.Lower);
+    volume.Removed = true;
+    volume.Filter = nullptr;
+    return;
+  }
+  EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
+  EXPECT_EQ(e->FileSystemType, ULONG{CBT_FILE_SYSTEM_NONE});
+  const std::set<ULONG> marked = SetBits(e);
+  EXPECT_TRUE(std::includes(written.begin(), written.end(), marked.begin(), marked.end()))
+      << "only written blocks are marked";
+  const LONG64 untrackedWriters = e->UntrackedWriteCount - (teardown == Teardown::BootSector ? 1 : 0);
+  EXPECT_EQ(static_cast<LONG64>(marked.size()) + untrackedWriters, succeeded)
+      << "each write is marked or counted as untracked";
+  EXPECT_EQ(e->TrackedWriteCount, static_cast<LONG64>(marked.size()));
+  EXPECT_GT(e->UntrackedWriteCount, 0) << "the reader went while writes still came";
+  EXPECT_GT(looked, 0) << "writes looked through the reader while it was there";
+  EXPECT_EQ(e->LastRestartCount, kRestartCount);
+}
+
+INSTANTIATE_TEST_SUITE_P(Teardowns, ReaderTeardownTest,
+                         testing::Values(Teardown::BootSector, Teardown::Offline, Teardown::Removal),
+                         [](const testing::TestParamInfo<Teardown>& info) {
+                           switch (info.param) {
+                             case Teardown::BootSector:
+                               return std::string("BootSector");
+                             case Teardown::Offline:
+                               return std::string("Offline");
+                             default:
+                               return std::string("Removal");
+                           }
+                         });
 
 }  // namespace
 }  // namespace kvtest

@@ -2,8 +2,11 @@
 // critical work item when they arrive at DISPATCH_LEVEL or short of stack; refused when
 // they can be neither; and the volumes whose writes are not tracked.
 #include <gtest/gtest.h>
+#include <ntddvol.h>
 #include <wdm.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <thread>
 
@@ -207,6 +210,119 @@ TEST_F(WritePathTest, ANewBootSectorOnALockedVolumeDropsTheReaderAndTrackingStop
   EXPECT_EQ(SetBits(e), (std::set<ULONG>{1}));
   EXPECT_EQ(e->UntrackedWriteCount, 2) << "the boot sector and every write after it";
   EXPECT_EQ(LowerWrites(volume), 3);
+}
+
+// A $LogFile restart page whose count differs from the last one seen makes the tracking file
+// take the new count (and the write's new bits) before the write reaches the volume: with
+// the tracking file ready, the flush is asked for and made while the volume has not seen
+// the write yet, and it finalizes once the system is shutting down. A count equal to the
+// last one is only marked; without a ready tracking file the count is only remembered.
+TEST_F(WritePathTest, ARestartCountChangeFlushesTheTrackingFileBeforeTheWriteGoesDown) {
+  Volume& volume = AddTrackedVolume();
+  PCBT_DEVICE_EXTENSION e = volume.Extension();
+  constexpr ULONG kFlushRequests = CBT_FLAG_FLUSH_METADATA | CBT_FLAG_BITMAP_DIRTY;
+  e->LastRestartCount = 4;
+  SentWrite unready;
+  SendData(unready, volume.Filter, 4096, RestartPage(5));
+  EXPECT_EQ(unready.Wait().Status, STATUS_SUCCESS);
+  EXPECT_EQ(e->LastRestartCount, 5u);
+  EXPECT_EQ(CbtReadFlags(e) & kFlushRequests, 0u);
+  EXPECT_TRUE(RecordsOf("CbtFlushTrackingFile").empty());
+
+  CbtSetFlags(e, CBT_FLAG_TRACKING_FILE_READY);
+  volume.Lower->HoldTransfers = true;  // the volume keeps the write: the flush must be made by then
+  SentWrite changed;
+  SendData(changed, volume.Filter, 8192, RestartPage(6));
+  ASSERT_EQ(volume.Lower->HeldCount(), 1u);
+  std::vector<CBT_LOG_RECORD_BODY> flushes = RecordsOf("CbtFlushTrackingFile");
+  ASSERT_EQ(flushes.size(), 1u) << "made before the write reached the volume";
+  const ULONG ordinaryFlushLine = flushes[0].Line;
+  EXPECT_EQ(CbtReadFlags(e) & kFlushRequests, kFlushRequests) << "the new count and the write's new bit";
+  EXPECT_EQ(e->LastRestartCount, 6u);
+  volume.Lower->ReleaseHeld();
+  EXPECT_EQ(changed.Wait().Status, STATUS_SUCCESS);
+  EXPECT_FALSE(IsCleanRestartPage(volume.Lower->Data.data() + 8192)) << "the log is no longer closed cleanly";
+  // A real flush consumes its requests; this one leaves them, so they are taken back here.
+  CbtClearFlags(e, kFlushRequests);
+  DropRecords();
+
+  SentWrite same;
+  SendData(same, volume.Filter, 16384, RestartPage(6));
+  EXPECT_EQ(same.Wait().Status, STATUS_SUCCESS);
+  EXPECT_EQ(SetBits(e), (std::set<ULONG>{1, 2, 4})) << "marked all the same";
+  EXPECT_TRUE(RecordsOf("CbtFlushTrackingFile").empty()) << "the count did not change";
+  EXPECT_EQ(CbtReadFlags(e) & kFlushRequests, 0u);
+
+  // The shutdown request marks the system as shutting down (and flushes, not finally).
+  EXPECT_EQ(SendMajor(volume.Filter, IRP_MJ_SHUTDOWN).Status.Status, STATUS_SUCCESS);
+  flushes = RecordsOf("CbtFlushTrackingFile");
+  ASSERT_EQ(flushes.size(), 1u);
+  EXPECT_EQ(+flushes[0].Line, ordinaryFlushLine);
+  CbtClearFlags(e, kFlushRequests);
+  DropRecords();
+  // A new count in a block marked already: the flush finalizes, with no new bits to ask for.
+  SentWrite final;
+  SendData(final, volume.Filter, 8192, RestartPage(7));
+  EXPECT_EQ(final.Wait().Status, STATUS_SUCCESS);
+  flushes = RecordsOf("CbtFlushTrackingFile");
+  ASSERT_EQ(flushes.size(), 1u);
+  const ULONG finalizingLine = flushes[0].Line;
+  EXPECT_NE(finalizingLine, ordinaryFlushLine);
+  EXPECT_EQ(CbtReadFlags(e) & kFlushRequests, ULONG{CBT_FLAG_FLUSH_METADATA});
+  DropRecords();
+  // The set-power request into the shutdown state makes the finalizing flush by definition.
+  EXPECT_EQ(SendSetSystemPower(volume.Filter, PowerSystemShutdown), STATUS_SUCCESS);
+  flushes = RecordsOf("CbtFlushTrackingFile");
+  ASSERT_EQ(flushes.size(), 1u);
+  EXPECT_EQ(+flushes[0].Line, finalizingLine);
+}
+
+// A write looking at its data through the NTFS reader holds a reference on it (taken here
+// by hand, as by a write inside the check). The reader's teardown, here the volume going
+// offline, waits for that reference before the reader goes; a write that comes meanwhile
+// leaves the reader alone (its restart page keeps the clean flag) and is marked all the
+// same. Once the teardown is done, a reader set up again is looked through again.
+TEST_F(WritePathTest, TheReadersTeardownWaitsForTheWritesLookingThroughIt) {
+  Volume& volume = AddTrackedVolume();
+  PCBT_DEVICE_EXTENSION e = volume.Extension();
+  volume.Lower->ControlStatus = STATUS_SUCCESS;  // the volume below goes offline when told
+  ASSERT_TRUE(ExAcquireRundownProtection(&e->FileSystemRundown));
+  std::atomic<bool> offline{false};
+  std::thread teardown([&] {
+    EXPECT_EQ(DeviceControl(volume.Filter, IOCTL_VOLUME_OFFLINE).Status.Status, STATUS_SUCCESS);
+    offline = true;
+  });
+  // The wait has begun once no further reference can be had.
+  while (!offline.load() && ExAcquireRundownProtection(&e->FileSystemRundown)) {
+    ExReleaseRundownProtection(&e->FileSystemRundown);
+    std::this_thread::yield();
+  }
+  ASSERT_FALSE(offline.load()) << "the teardown did not wait for the reference";
+
+  SentWrite meanwhile;
+  SendData(meanwhile, volume.Filter, 8192, RestartPage(9));
+  EXPECT_EQ(meanwhile.Wait().Status, STATUS_SUCCESS);
+  EXPECT_TRUE(IsCleanRestartPage(meanwhile.Buffer.data())) << "the reader is not looked through while it goes";
+  EXPECT_EQ(e->LastRestartCount, 0u);
+  EXPECT_EQ(SetBits(e), (std::set<ULONG>{2}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(offline.load());
+  EXPECT_TRUE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT)) << "the reader is still there";
+
+  ExReleaseRundownProtection(&e->FileSystemRundown);
+  teardown.join();
+  EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
+  EXPECT_EQ(e->FileSystemType, ULONG{CBT_FILE_SYSTEM_NONE});
+
+  // A reader set up again, as the file system's initialisation does it.
+  KeInitializeSemaphore(&e->FileSystemContext.Ntfs.Lock, 1, 1);
+  e->FileSystemType = CBT_FILE_SYSTEM_NTFS;
+  CbtSetFlags(e, CBT_FLAG_FS_CONTEXT | CBT_FLAG_ONLINE);
+  SentWrite again;
+  SendData(again, volume.Filter, 16384, RestartPage(9));
+  EXPECT_EQ(again.Wait().Status, STATUS_SUCCESS);
+  EXPECT_FALSE(IsCleanRestartPage(again.Buffer.data()));
+  EXPECT_EQ(e->LastRestartCount, 9u);
 }
 
 TEST_F(WritePathTest, WritesArrivingWhileTheVolumeIsRemovedAreRefused) {

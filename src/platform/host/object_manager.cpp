@@ -47,6 +47,23 @@ struct ObjectManager {
   ULONG_PTR NextHandle = 4;
 };
 
+// The name query a test made fail: how many calls are still to pass before it, and what it
+// returns.
+std::atomic<unsigned> g_nameQueryCountdown{0};
+std::atomic<NTSTATUS> g_nameQueryStatus{STATUS_SUCCESS};
+
+// TRUE, with the status to return, when this call is the one a test made fail.
+bool TakeNameQueryFault(NTSTATUS* status) {
+  unsigned left = g_nameQueryCountdown.load();
+  while (left != 0)
+    if (g_nameQueryCountdown.compare_exchange_weak(left, left - 1)) {
+      if (left != 1) return false;
+      *status = g_nameQueryStatus.load();
+      return true;
+    }
+  return false;
+}
+
 ObjectManager& Om() {
   static ObjectManager* om = new ObjectManager;  // outlives late worker threads
   return *om;
@@ -281,6 +298,11 @@ PVOID ObObjectFromHandle(HANDLE handle) {
   return it == om.Handles.end() ? nullptr : it->second.Body;
 }
 
+void ObFailNameQuery(unsigned nth, NTSTATUS status) {
+  g_nameQueryStatus.store(status);
+  g_nameQueryCountdown.store(nth);
+}
+
 std::vector<std::string> ObDescribeLiveObjects() {
   std::vector<std::string> out;
   ObjectManager& om = Om();
@@ -383,6 +405,8 @@ NTSTATUS ObReferenceObjectByPointer(PVOID Object, ACCESS_MASK DesiredAccess, POB
 NTSTATUS ObQueryNameString(PVOID Object, POBJECT_NAME_INFORMATION ObjectNameInfo, ULONG Length,
                            PULONG ReturnLength) {
   if (!CheckHeader(Object, "ObQueryNameString")) return STATUS_INVALID_PARAMETER;
+  NTSTATUS injected;
+  if (TakeNameQueryFault(&injected)) return injected;
   kvhost::WString name = kvhost::ObGetObjectName(Object);
   ULONG nameBytes = static_cast<ULONG>(name.size() * sizeof(WCHAR));
   ULONG needed = sizeof(OBJECT_NAME_INFORMATION) + (name.empty() ? 0 : nameBytes + sizeof(WCHAR));
@@ -422,7 +446,11 @@ const bool kRegistered = [] {
   kvhost::RegisterTestHooks({
       .Name = "object manager",
       .Order = 100,  // after the subsystems whose teardown releases objects
-      .Reset = [] { kvhost::DeleteAllObjects(); },
+      .Reset =
+          [] {
+            kvhost::DeleteAllObjects();
+            kvhost::ObFailNameQuery(0, STATUS_SUCCESS);
+          },
       .Quiesce = nullptr,
       .Check =
           [](std::vector<std::string>& problems) {

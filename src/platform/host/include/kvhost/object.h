@@ -71,6 +71,12 @@ NTSTATUS ObCloseHandle(HANDLE handle);
 // The object behind a handle, not referenced; nullptr when the handle is not open.
 PVOID ObObjectFromHandle(HANDLE handle);
 
+// Makes the `nth` call of ObQueryNameString from now (1 = the next) return `status` and
+// write nothing: a query that fails for a reason other than the size of its buffer, or,
+// with a success status, one that finds no name to give. A new call replaces the previous
+// one; 0 cancels. Cleared at the start of every test.
+void ObFailNameQuery(unsigned nth, NTSTATUS status);
+
 // A line per object still alive (type, name, references, handles), permanent ones excluded.
 std::vector<std::string> ObDescribeLiveObjects();
 
