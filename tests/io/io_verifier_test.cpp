@@ -62,11 +62,14 @@ class IoVerifierTest : public IoStackTest {
   }
   BadExtension* Bad() { return static_cast<BadExtension*>(bad_->DeviceExtension); }
 
-  // A read of the caller's own (IoAllocateIrp, no status block): it stays the caller's.
+  // A read of the caller's own (IoAllocateIrp, no status block): its completion routine
+  // takes it back, and the caller frees it.
+  static NTSTATUS TakeBack(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; }
   PIRP OwnRead(PDEVICE_OBJECT target) {
     PIRP irp = IoAllocateIrp(target->StackSize, FALSE);
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MajorFunction = IRP_MJ_READ;
+    IoSetCompletionRoutine(irp, TakeBack, nullptr, TRUE, TRUE, TRUE);
     return irp;
   }
 
@@ -93,7 +96,8 @@ TEST_F(IoVerifierTest, CompletingARequestTwiceIsCaught) {
     Transfer(bad_, IRP_MJ_WRITE, buffer_, sizeof buffer_, 0);
     ExpectNames(capture, "IrpCompletedTwice", "IRP_MJ_WRITE");
   }
-  // One that its sender keeps is still there, already completed.
+  // One that its sender took back at the first completion is still there: the second
+  // completion finds it with its sender.
   kvhost::ViolationCapture capture;
   PIRP irp = OwnRead(bad_);
   IoCallDriver(bad_, irp);
@@ -123,6 +127,35 @@ TEST_F(IoVerifierTest, ReturningPendingWithoutMarkingTheRequestIsCaught) {
   Bad()->Kept->IoStatus.Status = STATUS_SUCCESS;
   IoCompleteRequest(Bad()->Kept, IO_NO_INCREMENT);
   ExpectNames(capture, "IrpPendingNotMarked", "IRP_MJ_WRITE");
+}
+
+TEST_F(IoVerifierTest, ARequestCompletedToTheTopWithoutAnOwnerIsCaught) {
+  PDEVICE_OBJECT disk = NewDisk(RamDiskCompleteInline, 0);
+  {
+    // Sent without a completion routine to take it back: the disk's completion reaches the
+    // I/O manager, which has neither status block nor event to complete it to.
+    kvhost::ViolationCapture capture;
+    PIRP irp = IoAllocateIrp(disk->StackSize, FALSE);
+    irp->UserBuffer = buffer_;
+    PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
+    sp->MajorFunction = IRP_MJ_READ;
+    sp->Parameters.Read.Length = sizeof buffer_;
+    EXPECT_EQ(IoCallDriver(disk, irp), STATUS_SUCCESS);
+    ASSERT_EQ(capture.Count("IrpCompletedWithoutOwner"), 1u) << capture.Describe();
+    const std::string message = capture.All()[0].Message;
+    EXPECT_NE(message.find("IRP_MJ_READ"), std::string::npos) << message;
+    EXPECT_NE(message.find("IoCompleteRequest by device"), std::string::npos) << message;
+    EXPECT_NE(message.find("RamDisk0"), std::string::npos) << message;
+    IoFreeIrp(irp);  // still the sender's
+  }
+  // Completing one that was never sent is the same mistake by its sender.
+  kvhost::ViolationCapture capture;
+  PIRP unsent = IoAllocateIrp(1, FALSE);
+  unsent->IoStatus.Status = STATUS_SUCCESS;
+  IoCompleteRequest(unsent, IO_NO_INCREMENT);
+  ASSERT_EQ(capture.Count("IrpCompletedWithoutOwner"), 1u) << capture.Describe();
+  EXPECT_NE(capture.All()[0].Message.find("not sent to any device"), std::string::npos) << capture.Describe();
+  IoFreeIrp(unsent);
 }
 
 TEST_F(IoVerifierTest, RequestsLeftBehindAreDescribedByWhatBecameOfThem) {
