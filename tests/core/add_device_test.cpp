@@ -180,7 +180,7 @@ NTSTATUS KeepRequest(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSIN
 // filter without a rundown block only does not wait at removal) or not at all, and
 // add-device succeeds either way.
 TEST_F(CbtDriverTest, EachAllocationOfAddDeviceCanFail) {
-  kvhost::SetRegistryDword(kServiceKey, u"DebugLog", 0);  // records would come from a cache
+  kvhost::SetRegistryDword(kServiceKey, u"DebugLog", 0);  // its records would stay queued after each run
   ASSERT_EQ(LoadDriver(), STATUS_SUCCESS);
   TestVolume* lower = CreateTestVolume(volumeDriver_, FixedVolume(3));
   ASSERT_NE(lower, nullptr);
