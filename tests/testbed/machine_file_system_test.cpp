@@ -171,5 +171,14 @@ TEST_F(MachineFileSystem, SystemRootAndTheVolumeGuidNameLeadToTheSystemVolume) {
   EXPECT_EQ(File(u"\\SystemRoot\\kvcbt.log", FILE_OPEN).Status, STATUS_SUCCESS) << "made again at each boot";
 }
 
+TEST_F(MachineFileSystem, ALockedVolumeMountsNothingAndItsFilesCannotBeOpened) {
+  c_->SetBitLockerLocked(true);
+  ASSERT_EQ(machine_.Boot(), STATUS_SUCCESS);
+  EXPECT_FALSE(IsVolumeMounted(c_->Device()));
+  EXPECT_EQ(File(u"\\??\\C:\\kept.bin").Status, STATUS_FVE_LOCKED_VOLUME);
+  c_->SetBitLockerLocked(false);
+  EXPECT_EQ(File(u"\\??\\C:\\kept.bin").Status, STATUS_SUCCESS) << "unlocked, the next open mounts it";
+}
+
 }  // namespace
 }  // namespace kvtestbed::testing
