@@ -69,8 +69,9 @@ class BitmapCopyTest : public testing::Test {
     std::vector<CBT_LOG_RECORD_BODY> bodies(CBT_LOG_QUEUE_LIMIT);
     bodies.resize(CbtDrainQueuedLogRecords(bodies.data(), CBT_LOG_QUEUE_LIMIT));
     std::vector<ULONG> statuses;
+    // The record is packed: its status is copied out, never bound to a reference.
     for (const CBT_LOG_RECORD_BODY& body : bodies)
-      if (std::string(body.Text) == "CbtDispatchDeviceControl") statuses.push_back(body.Status);
+      if (std::string(body.Text) == "CbtDispatchDeviceControl") statuses.push_back(ULONG{body.Status});
     return statuses;
   }
 
