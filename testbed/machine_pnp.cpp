@@ -58,7 +58,9 @@ std::vector<uint8_t> MountDevName(std::u16string_view name) {
 //     exists and the arrival callbacks run.
 //  e. The mount manager asks the volume's name (IOCTL_MOUNTDEV_QUERY_DEVICE_NAME), creates
 //     \??\Volume{GUID} and tells the volume (IOCTL_MOUNTDEV_LINK_CREATED), then the drive
-//     letter \??\X: ("\DosDevices\X:") likewise. A shadow copy gets no links.
+//     letter \??\X: ("\DosDevices\X:") likewise. A shadow copy gets no links. The system
+//     volume (C:) also gets \SystemRoot, to its Windows directory, which the kernel keeps
+//     for the boot volume and announces to nobody.
 //  f. IOCTL_VOLUME_ONLINE.
 //  g. When the machine is already up (not during boot), the file system is mounted.
 NTSTATUS Machine::ArriveNow(Volume& volume, bool mountNow) {
@@ -133,7 +135,20 @@ NTSTATUS Machine::CreateMountLinks(Volume& volume) {
   NTSTATUS status = CreateLink(volume, volume.VolumeGuidName(), volume.VolumeGuidName());
   const char16_t letter = volume.Config().DriveLetter;
   if (letter != 0) status = CreateLink(volume, DriveLetterLink(letter), DriveLetterName(letter));
+  if (letter == u'C') CreateSystemRoot(volume);
   return status;
+}
+
+// \SystemRoot leads to the Windows directory of the system volume; it goes with the volume's
+// other links.
+void Machine::CreateSystemRoot(Volume& volume) {
+  const std::u16string link(kSystemRootLink);
+  const std::u16string windows = volume.DeviceName() + u"\\Windows";
+  UNICODE_STRING linkName = Counted(link);
+  UNICODE_STRING target = Counted(windows);
+  const NTSTATUS status = IoCreateSymbolicLink(&linkName, &target);
+  if (NT_SUCCESS(status)) volume.links_.push_back(link);
+  Note(Who(volume) + Narrow(link) + " -> " + Narrow(windows), status);
 }
 
 // Creates the symbolic link `link` to the volume and announces it to the volume's stack as

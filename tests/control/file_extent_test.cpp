@@ -15,6 +15,7 @@
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_driver.h"
 #include "kvhost/pool.h"
+#include "kvhost/workqueue.h"
 #include "kvtestbed/file_system.h"
 #include "kvtestbed/fs_model.h"
 #include "kvtestbed/machine.h"
@@ -46,6 +47,9 @@ class FileExtentTest : public testing::Test {
 
   void TearDown() override {
     file_.Close();
+    // The first open mounted the volume, whose announcement comes from a worker thread that
+    // holds the volume while the driver handles it.
+    kvhost::WaitForWorkQueuesIdle();
     if (volume_ != nullptr && volume_->Device() != nullptr) kvtestbed::DetachFileSystem(volume_->Device());
     machine_.reset();
   }

@@ -53,6 +53,8 @@ TEST_F(Opens, MissingNamesAndPathsAreToldApart) {
             STATUS_OBJECT_PATH_NOT_FOUND);
   EXPECT_EQ(Open(u"\\??\\Q:\\file.bin").Status, STATUS_OBJECT_PATH_NOT_FOUND) << "no volume Q:";
   EXPECT_EQ(Open(u"\\??\\Q:").Status, STATUS_OBJECT_NAME_NOT_FOUND);
+  EXPECT_EQ(Open(u"\\NoRoot\\file.bin").Status, STATUS_OBJECT_PATH_NOT_FOUND) << "a missing link of the root";
+  EXPECT_EQ(Open(u"\\NoRoot").Status, STATUS_OBJECT_NAME_NOT_FOUND);
   EXPECT_EQ(Open(u"\\??\\D:\\bad<name>.bin").Status, STATUS_OBJECT_NAME_INVALID);
   ASSERT_EQ(Open(u"\\??\\D:\\plain.bin").Status, STATUS_SUCCESS);
   EXPECT_EQ(Open(u"\\??\\D:\\plain.bin\\below.bin").Status, STATUS_OBJECT_PATH_NOT_FOUND) << "a file on the way";

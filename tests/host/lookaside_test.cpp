@@ -37,6 +37,7 @@ TEST(Lookaside, BlocksAreAccountedUnderTheListsTagAndCachedUpToItsDepth) {
   mark = kvhost::MarkPool();
   PVOID again = ExAllocateFromNPagedLookasideList(&list);
   EXPECT_EQ(kvhost::AllocationsSince(mark), 0u) << "a cached block is not a pool allocation";
+  EXPECT_EQ(kvhost::CachedAllocationsSince(mark, kRecordTag), 1u);
   EXPECT_EQ(list.L.TotalAllocates, depth + 3u);
   EXPECT_EQ(list.L.AllocateMisses, depth + 2u);
   ExFreeToNPagedLookasideList(&list, again);
@@ -71,6 +72,52 @@ TEST(Lookaside, FaultsReachItThroughThePoolAndATestCanExhaustIt) {
   EXPECT_EQ(ExAllocateFromNPagedLookasideList(&list), nullptr) << "even with a block cached";
   kvhost::ExhaustLookasideList(&list, false);
   EXPECT_EQ(ExAllocateFromNPagedLookasideList(&list), cached);
+  ExFreeToNPagedLookasideList(&list, cached);
+  ExDeleteNPagedLookasideList(&list);
+}
+
+// A list's cache may be empty whenever the system trims it, so an allocation served from it
+// is one more place that must cope with NULL: the faults and the fault walk reach it.
+TEST(Lookaside, FaultsAndTheFaultWalkReachAllocationsServedFromTheCache) {
+  constexpr ULONG kOtherTag = KV_POOL_TAG('O', 't', 'h', 'r');
+  NPAGED_LOOKASIDE_LIST list;
+  RtlZeroMemory(&list, sizeof list);
+  ExInitializeNPagedLookasideList(&list, nullptr, nullptr, POOL_NX_ALLOCATION, kRecordSize, kRecordTag, 0);
+  PVOID cached = ExAllocateFromNPagedLookasideList(&list);
+  ExFreeToNPagedLookasideList(&list, cached);
+
+  std::vector<std::pair<bool, bool>> outcomes;  // (record, other block) allocated
+  const unsigned long long walked = kvhost::ForEachAllocationFailure([&](unsigned long long) {
+    PVOID record = ExAllocateFromNPagedLookasideList(&list);
+    PVOID other = ExAllocatePoolWithTag(NonPagedPoolNx, 16, kOtherTag);
+    outcomes.emplace_back(record != nullptr, other != nullptr);
+    if (other != nullptr) ExFreePool(other);
+    if (record != nullptr) ExFreeToNPagedLookasideList(&list, record);
+  });
+  EXPECT_EQ(walked, 2u) << "the cached record is one of the walk's attempts";
+  EXPECT_EQ(outcomes, (std::vector<std::pair<bool, bool>>{{true, true}, {false, true}, {true, false}}));
+  EXPECT_EQ(kvhost::ForEachAllocationFailure(
+                [&](unsigned long long) {
+                  if (PVOID record = ExAllocateFromNPagedLookasideList(&list))
+                    ExFreeToNPagedLookasideList(&list, record);
+                  ExFreePool(ExAllocatePoolWithTag(NonPagedPoolNx, 16, kOtherTag));
+                },
+                kRecordTag),
+            1u)
+      << "a walk of the list's tag";
+
+  // A failed allocation leaves the block cached, and the allocation log names it.
+  kvhost::LogAllocations(true);
+  kvhost::FailNthAllocation(1, kRecordTag);
+  EXPECT_EQ(ExAllocateFromNPagedLookasideList(&list), nullptr);
+  EXPECT_EQ(ExAllocateFromNPagedLookasideList(&list), cached);
+  kvhost::LogAllocations(false);
+  const std::vector<kvhost::PoolBlockInfo> log = kvhost::TakeAllocationLog();
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_TRUE(log[0].FromLookasideCache);
+  EXPECT_EQ(log[0].Address, nullptr);
+  EXPECT_EQ(log[0].Tag, kRecordTag);
+  EXPECT_EQ(log[1].Address, cached);
   ExFreeToNPagedLookasideList(&list, cached);
   ExDeleteNPagedLookasideList(&list);
 }

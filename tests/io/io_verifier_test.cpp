@@ -1,5 +1,6 @@
 // The I/O manager's verifier checks, each provoked by a misbehaving driver and seen as a
 // violation (or a bug check) that names the request, the device and the driver.
+#include <algorithm>
 #include <string>
 
 #include "io_test_stack.h"
@@ -62,11 +63,14 @@ class IoVerifierTest : public IoStackTest {
   }
   BadExtension* Bad() { return static_cast<BadExtension*>(bad_->DeviceExtension); }
 
-  // A read of the caller's own (IoAllocateIrp, no status block): it stays the caller's.
+  // A read of the caller's own (IoAllocateIrp, no status block): its completion routine
+  // takes it back, and the caller frees it.
+  static NTSTATUS TakeBack(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; }
   PIRP OwnRead(PDEVICE_OBJECT target) {
     PIRP irp = IoAllocateIrp(target->StackSize, FALSE);
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MajorFunction = IRP_MJ_READ;
+    IoSetCompletionRoutine(irp, TakeBack, nullptr, TRUE, TRUE, TRUE);
     return irp;
   }
 
@@ -93,7 +97,8 @@ TEST_F(IoVerifierTest, CompletingARequestTwiceIsCaught) {
     Transfer(bad_, IRP_MJ_WRITE, buffer_, sizeof buffer_, 0);
     ExpectNames(capture, "IrpCompletedTwice", "IRP_MJ_WRITE");
   }
-  // One that its sender keeps is still there, already completed.
+  // One that its sender took back at the first completion is still there: the second
+  // completion finds it with its sender.
   kvhost::ViolationCapture capture;
   PIRP irp = OwnRead(bad_);
   IoCallDriver(bad_, irp);
@@ -123,6 +128,35 @@ TEST_F(IoVerifierTest, ReturningPendingWithoutMarkingTheRequestIsCaught) {
   Bad()->Kept->IoStatus.Status = STATUS_SUCCESS;
   IoCompleteRequest(Bad()->Kept, IO_NO_INCREMENT);
   ExpectNames(capture, "IrpPendingNotMarked", "IRP_MJ_WRITE");
+}
+
+TEST_F(IoVerifierTest, ARequestCompletedToTheTopWithoutAnOwnerIsCaught) {
+  PDEVICE_OBJECT disk = NewDisk(RamDiskCompleteInline, 0);
+  {
+    // Sent without a completion routine to take it back: the disk's completion reaches the
+    // I/O manager, which has neither status block nor event to complete it to.
+    kvhost::ViolationCapture capture;
+    PIRP irp = IoAllocateIrp(disk->StackSize, FALSE);
+    irp->UserBuffer = buffer_;
+    PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
+    sp->MajorFunction = IRP_MJ_READ;
+    sp->Parameters.Read.Length = sizeof buffer_;
+    EXPECT_EQ(IoCallDriver(disk, irp), STATUS_SUCCESS);
+    ASSERT_EQ(capture.Count("IrpCompletedWithoutOwner"), 1u) << capture.Describe();
+    const std::string message = capture.All()[0].Message;
+    EXPECT_NE(message.find("IRP_MJ_READ"), std::string::npos) << message;
+    EXPECT_NE(message.find("IoCompleteRequest by device"), std::string::npos) << message;
+    EXPECT_NE(message.find("RamDisk0"), std::string::npos) << message;
+    IoFreeIrp(irp);  // still the sender's
+  }
+  // Completing one that was never sent is the same mistake by its sender.
+  kvhost::ViolationCapture capture;
+  PIRP unsent = IoAllocateIrp(1, FALSE);
+  unsent->IoStatus.Status = STATUS_SUCCESS;
+  IoCompleteRequest(unsent, IO_NO_INCREMENT);
+  ASSERT_EQ(capture.Count("IrpCompletedWithoutOwner"), 1u) << capture.Describe();
+  EXPECT_NE(capture.All()[0].Message.find("not sent to any device"), std::string::npos) << capture.Describe();
+  IoFreeIrp(unsent);
 }
 
 TEST_F(IoVerifierTest, RequestsLeftBehindAreDescribedByWhatBecameOfThem) {
@@ -212,6 +246,49 @@ TEST_F(IoVerifierTest, DeletingADeviceSomeoneStillReferencesIsCaught) {
   RamDiskDelete(disk);
   EXPECT_EQ(kvhost::RunAllWorkItems(), 1u);
   EXPECT_FALSE(kvhost::ObIsObject(disk)) << "the device goes with the work item's reference";
+}
+
+// The end of every test turns what it left behind into findings: a request its sender took
+// back with STATUS_MORE_PROCESSING_REQUIRED and never freed, and an object a reference still
+// holds. Everything else is given back first, so that each finding has one cause.
+TEST(IoEndOfTest, ARequestKeptAndAnObjectStillReferencedAreFindings) {
+  PDRIVER_OBJECT ramDriver = kvhost::IoLoadDriver(u"RamDisk", RamDiskDriverEntry).DriverObject;
+  ASSERT_NE(ramDriver, nullptr);
+  CountedString diskName(u"\\Device\\RamDisk0");
+  PDEVICE_OBJECT disk = nullptr;
+  ASSERT_EQ(RamDiskCreate(ramDriver, diskName.get(), 4096, DO_DIRECT_IO, RamDiskCompleteInline, &disk), STATUS_SUCCESS);
+  PIRP kept = IoAllocateIrp(disk->StackSize, FALSE);
+  ASSERT_NE(kept, nullptr);
+  IoGetNextIrpStackLocation(kept)->MajorFunction = IRP_MJ_FLUSH_BUFFERS;
+  IoSetCompletionRoutine(
+      kept, [](PDEVICE_OBJECT, PIRP, PVOID) -> NTSTATUS { return STATUS_MORE_PROCESSING_REQUIRED; }, nullptr, TRUE,
+      TRUE, TRUE);
+  EXPECT_EQ(IoCallDriver(disk, kept), STATUS_SUCCESS);
+  RamDiskDelete(disk);
+  kvhost::IoUnloadDriver(ramDriver);
+
+  CountedString eventName(u"\\BaseNamedObjects\\Forgotten");
+  OBJECT_ATTRIBUTES attributes;
+  InitializeObjectAttributes(&attributes, eventName.get(), OBJ_KERNEL_HANDLE, nullptr, nullptr);
+  HANDLE handle = nullptr;
+  ASSERT_EQ(ZwCreateEvent(&handle, EVENT_ALL_ACCESS, &attributes, NotificationEvent, FALSE), STATUS_SUCCESS);
+  PVOID event = nullptr;
+  ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *ExEventObjectType, KernelMode, &event, nullptr),
+            STATUS_SUCCESS);
+  ZwClose(handle);  // the reference is never given back
+
+  const std::vector<std::string> problems = kvhost::EndTest();  // what the harness runs after the test
+  kvhost::BeginTest();  // and before the next: it must not inherit what this one left on purpose
+  const std::string all = testing::PrintToString(problems);
+  auto count = [&](std::initializer_list<const char*> parts) {
+    return std::count_if(problems.begin(), problems.end(), [&](const std::string& line) {
+      return std::all_of(parts.begin(), parts.end(), [&](const char* part) { return line.find(part) != std::string::npos; });
+    });
+  };
+  EXPECT_EQ(count({"[IrpLeftBehind]", "IRP_MJ_FLUSH_BUFFERS", "STATUS_MORE_PROCESSING_REQUIRED"}), 1) << all;
+  EXPECT_EQ(count({"\\BaseNamedObjects\\Forgotten", "still has 1 reference(s) and 0 handle(s)"}), 1) << all;
+  EXPECT_EQ(count({"pool tag 'Irp '"}), 1) << "the request's memory: " << all;
+  EXPECT_EQ(problems.size(), 3u) << all;
 }
 
 using IoVerifierDeathTest = IoVerifierTest;

@@ -3,6 +3,8 @@
 #include <devguid.h>
 #include <ioevent.h>
 
+#include <algorithm>
+
 #include "kvhost/named_events.h"
 #include "kvhost/object.h"
 #include "kvhost/registry.h"
@@ -113,6 +115,53 @@ TEST(MachineBoot, ServicesSettingsVersionAndTheAllClearForWrites) {
   machine.SignalVolumesSafeForWrite();
   EXPECT_NE(KeReadStateEvent(safe), 0);
   ObDereferenceObject(safe);
+}
+
+// A filter that also registers for boot-driver reinitialization, and notes what the machine
+// had done when its routine ran.
+Machine* g_booting = nullptr;
+std::vector<MachineEvent> g_beforeReinitialization;
+ULONG g_reinitializationRuns = 0;
+
+void NoteBootReinitialization(PDRIVER_OBJECT, PVOID, ULONG count) {
+  ++g_reinitializationRuns;
+  EXPECT_EQ(count, 1u);
+  g_beforeReinitialization = g_booting->TakeEvents();
+}
+
+NTSTATUS ReinitializingFilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
+  const NTSTATUS status = PassThroughFilterDriverEntry(driver, registryPath);
+  if (NT_SUCCESS(status)) IoRegisterBootDriverReinitialization(driver, NoteBootReinitialization, nullptr);
+  return status;
+}
+
+bool Contains(const std::vector<MachineEvent>& events, const std::string& text) {
+  return std::any_of(events.begin(), events.end(), [&](const MachineEvent& e) { return e.Text == text; });
+}
+
+TEST(MachineBoot, BootDriverReinitializationRunsAfterEveryArrivalAndBeforeTheMounts) {
+  MachineConfig config;
+  config.Services = {{u"passthrough", ReinitializingFilterEntry, {}}};
+  Machine machine(config);
+  machine.AddVolume(LetteredVolume(u'C'));
+  VolumeConfig dataConfig;
+  dataConfig.Name = "data";
+  machine.AddVolume(dataConfig);
+  g_booting = &machine;
+  g_reinitializationRuns = 0;
+  ASSERT_EQ(machine.Boot(), STATUS_SUCCESS);
+  g_booting = nullptr;
+  const std::vector<MachineEvent> before = std::move(g_beforeReinitialization);
+  const std::vector<MachineEvent> after = machine.TakeEvents();
+
+  EXPECT_EQ(g_reinitializationRuns, 1u);
+  EXPECT_TRUE(Contains(before, "C: IOCTL_VOLUME_ONLINE"));
+  EXPECT_TRUE(Contains(before, "data: IOCTL_VOLUME_ONLINE")) << "the last volume has arrived";
+  for (const MachineEvent& e : before) EXPECT_EQ(e.Text.find("GUID_IO_VOLUME_MOUNT"), std::string::npos) << e.Text;
+  ASSERT_FALSE(after.empty());
+  EXPECT_EQ(after.front().Text, "boot-driver reinitialization: 1 routine(s)");
+  EXPECT_TRUE(Contains(after, "C: GUID_IO_VOLUME_MOUNT"));
+  EXPECT_TRUE(Contains(after, "data: GUID_IO_VOLUME_MOUNT"));
 }
 
 }  // namespace

@@ -50,6 +50,21 @@ class File {
   HANDLE handle_ = nullptr;
 };
 
+NTSTATUS CreateDirectory(const std::u16string& path) {
+  UNICODE_STRING name;
+  name.Buffer = const_cast<PWCH>(reinterpret_cast<const WCHAR*>(path.data()));
+  name.Length = name.MaximumLength = static_cast<USHORT>(path.size() * sizeof(char16_t));
+  OBJECT_ATTRIBUTES attributes;
+  InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+  IO_STATUS_BLOCK iosb{};
+  HANDLE handle = nullptr;
+  NTSTATUS status = ZwCreateFile(&handle, FILE_LIST_DIRECTORY | SYNCHRONIZE, &attributes, &iosb, nullptr,
+                                 FILE_ATTRIBUTE_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_CREATE,
+                                 FILE_SYNCHRONOUS_IO_NONALERT | FILE_DIRECTORY_FILE, nullptr, 0);
+  if (NT_SUCCESS(status)) ZwClose(handle);
+  return status;
+}
+
 class MachineFileSystem : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -127,6 +142,42 @@ TEST_F(MachineFileSystem, DismountGoesThroughTheFileSystemAndRemovalWaitsForOpen
   EXPECT_EQ(machine_.Arrive(*c_), STATUS_SUCCESS);
   File again(u"\\??\\C:\\busy.bin", FILE_OPEN);
   EXPECT_EQ(again.Status, STATUS_SUCCESS) << "the volume arrives with its file system again";
+}
+
+// The system volume's files are reached as the driver reaches them: through \SystemRoot and
+// through the volume GUID name, both made by the machine.
+TEST_F(MachineFileSystem, SystemRootAndTheVolumeGuidNameLeadToTheSystemVolume) {
+  ASSERT_EQ(machine_.Boot(), STATUS_SUCCESS);
+  ASSERT_EQ(CreateDirectory(u"\\??\\C:\\Windows"), STATUS_SUCCESS);
+  const std::vector<uint8_t> data = Pattern(4096, 21);
+  {
+    File file(u"\\SystemRoot\\kvcbt.log");
+    ASSERT_EQ(file.Status, STATUS_SUCCESS);
+    ASSERT_EQ(file.Write(data), STATUS_SUCCESS);
+  }
+  {
+    File file(c_->VolumeGuidName() + u"\\Windows\\kvcbt.log", FILE_OPEN);
+    ASSERT_EQ(file.Status, STATUS_SUCCESS);
+    EXPECT_EQ(file.Read(static_cast<ULONG>(data.size())), data);
+  }
+
+  // The link goes with the volume's other links, and comes back with them.
+  ASSERT_EQ(machine_.Remove(*c_), STATUS_SUCCESS);
+  EXPECT_EQ(File(u"\\SystemRoot\\kvcbt.log", FILE_OPEN).Status, STATUS_OBJECT_PATH_NOT_FOUND);
+  ASSERT_EQ(machine_.Arrive(*c_), STATUS_SUCCESS);
+  EXPECT_EQ(File(u"\\SystemRoot\\kvcbt.log", FILE_OPEN).Status, STATUS_SUCCESS);
+  machine_.Crash();
+  ASSERT_EQ(machine_.Boot(), STATUS_SUCCESS);
+  EXPECT_EQ(File(u"\\SystemRoot\\kvcbt.log", FILE_OPEN).Status, STATUS_SUCCESS) << "made again at each boot";
+}
+
+TEST_F(MachineFileSystem, ALockedVolumeMountsNothingAndItsFilesCannotBeOpened) {
+  c_->SetBitLockerLocked(true);
+  ASSERT_EQ(machine_.Boot(), STATUS_SUCCESS);
+  EXPECT_FALSE(IsVolumeMounted(c_->Device()));
+  EXPECT_EQ(File(u"\\??\\C:\\kept.bin").Status, STATUS_FVE_LOCKED_VOLUME);
+  c_->SetBitLockerLocked(false);
+  EXPECT_EQ(File(u"\\??\\C:\\kept.bin").Status, STATUS_SUCCESS) << "unlocked, the next open mounts it";
 }
 
 }  // namespace

@@ -156,6 +156,11 @@ TEST_F(VolumeDevice, PartitionTypesOfMbrAndGptDisks) {
 }
 
 TEST_F(VolumeDevice, StoragePropertiesGiveIdentityAndBus) {
+  VolumeConfig xvddConfig = LetteredVolume(u'X');
+  xvddConfig.Vendor = kVirtualDiskVendor;
+  xvddConfig.Product = kXvddProduct;
+  xvddConfig.DeviceType = FILE_DEVICE_VIRTUAL_DISK;
+  Volume& xvdd = *machine_.AddVolume(xvddConfig);
   VolumeConfig config = LetteredVolume(u'V');
   config.Vendor = kVirtualDiskVendor;
   config.Product = kVirtualDiskProduct;
@@ -163,6 +168,21 @@ TEST_F(VolumeDevice, StoragePropertiesGiveIdentityAndBus) {
   config.RemovableMedia = true;
   Volume& v = *Boot(config);
   EXPECT_TRUE(v.Device()->Characteristics & FILE_REMOVABLE_MEDIA);
+  EXPECT_EQ(v.Device()->DeviceType, static_cast<DEVICE_TYPE>(FILE_DEVICE_DISK));
+
+  // A volume of a virtual disk says so by its device type, which a filter above it takes
+  // on, and by its disk's identity.
+  EXPECT_EQ(xvdd.Device()->DeviceType, static_cast<DEVICE_TYPE>(FILE_DEVICE_VIRTUAL_DISK));
+  PDEVICE_OBJECT top = IoGetAttachedDeviceReference(xvdd.Device());
+  EXPECT_NE(top, xvdd.Device());
+  EXPECT_EQ(top->DeviceType, static_cast<DEVICE_TYPE>(FILE_DEVICE_VIRTUAL_DISK));
+  ObDereferenceObject(top);
+  IoResult identity = machine_.Control(xvdd, IOCTL_STORAGE_QUERY_PROPERTY, PropertyQuery(StorageDeviceProperty), 512);
+  ASSERT_EQ(identity.Status, STATUS_SUCCESS);
+  const auto x = As<STORAGE_DEVICE_DESCRIPTOR>(identity);
+  EXPECT_STREQ(reinterpret_cast<const char*>(identity.Data.data() + x.VendorIdOffset), "Msft");
+  EXPECT_STREQ(reinterpret_cast<const char*>(identity.Data.data() + x.ProductIdOffset), "XVDD");
+  EXPECT_EQ(x.BusType, BusTypeNvme);
 
   // The header alone tells the size of the whole descriptor.
   IoResult header = machine_.Control(v, IOCTL_STORAGE_QUERY_PROPERTY, PropertyQuery(StorageDeviceProperty), 8);

@@ -42,12 +42,20 @@ void ClearStackLocation(PIO_STACK_LOCATION sp) {
   sp->FileObject = nullptr;
 }
 
+// Whether the I/O manager finishes the request when its completion reaches the top: one it
+// built, or one its sender allocated and gave a status block or an event to fill. A request
+// allocated without either has no owner there: its sender must take it back with a
+// completion routine that returns STATUS_MORE_PROCESSING_REQUIRED.
+bool IoManagerCompletes(PIRP irp, const IrpHeader* header) {
+  return header->Origin == IrpOrigin::Built || irp->UserIosb != nullptr || irp->UserEvent != nullptr;
+}
+
 // The I/O manager's completion of a request whose walk reached the top: copy buffered
 // output back, release the system buffer and MDLs, fill the caller's status block, signal
-// its event and free the IRP. A request its caller allocated (IoAllocateIrp) without a
-// status block or event stays the caller's: Windows would queue this completion to the
-// thread in Tail.Overlay.Thread (and fault without one); here the IRP is simply handed back
-// and the caller frees it.
+// its event and free the IRP. A request without an owner there (see IoManagerCompletes)
+// would be queued by Windows to the thread in Tail.Overlay.Thread as a threaded request,
+// whose completion writes through a status block it does not have: a fault. It is reported,
+// and the IRP is left to its sender, which still frees it.
 void CompleteToOwner(PIRP irp, IrpHeader* header, CCHAR priorityBoost) {
   if (irp->Flags & IRP_BUFFERED_IO) {
     const NTSTATUS status = irp->IoStatus.Status;
@@ -69,8 +77,14 @@ void CompleteToOwner(PIRP irp, IrpHeader* header, CCHAR priorityBoost) {
       irp->Flags &= ~IRP_DEALLOCATE_BUFFER;
     }
   }
-  const bool ioManagerOwns = header->Origin == IrpOrigin::Built || irp->UserIosb != nullptr || irp->UserEvent != nullptr;
-  if (!ioManagerOwns) {
+  if (!IoManagerCompletes(irp, header)) {
+    PDEVICE_OBJECT by = header->CompletedBy;
+    ReportViolation("IrpCompletedWithoutOwner",
+                    "IoCompleteRequest" + (by != nullptr ? " by " + DescribeDevice(by) : std::string()) + " of " +
+                        DescribeIrp(irp) +
+                        ": its sender allocated it without a status block or an event and no completion routine "
+                        "took it back with STATUS_MORE_PROCESSING_REQUIRED, so the I/O manager has nobody to "
+                        "complete it to");
     header->State.store(IrpState::Finished, std::memory_order_release);
     return;
   }
@@ -196,6 +210,16 @@ void FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     }
   } while (!header->State.compare_exchange_weak(state, IrpState::Completing, std::memory_order_acq_rel));
   const uint32_t completion = header->Completions.fetch_add(1, std::memory_order_acq_rel) + 1;
+  // A request a completion routine took back at the top is its sender's again. Only the I/O
+  // manager can finish it from there, and only one that it owns: a second completion of an
+  // allocated request, after the first reached its sender, is a driver completing it twice.
+  if (state == IrpState::Held && Irp->CurrentLocation > Irp->StackCount && !IoManagerCompletes(Irp, header)) {
+    kvhost::ReportViolation("IrpCompletedTwice", "IoCompleteRequest of " + DescribeIrp(Irp) +
+                                                     ", which its completion had already brought back to its sender");
+    header->State.store(IrpState::Held, std::memory_order_release);
+    UnpinIrp(header);
+    return;
+  }
 
   if (Irp->IoStatus.Status == STATUS_PENDING)
     kvhost::ReportViolation("IrpCompletedWithPending",

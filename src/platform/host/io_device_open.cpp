@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "kvhost/object.h"
+#include "kvhost/strings.h"
 #include "kvhost/verifier.h"
 #include "zw_file_internal.h"
 
@@ -86,6 +87,21 @@ size_t CountSeparators(const WString& name) {
   return count;
 }
 
+// The object directories at the root of Windows' namespace. The host keeps names whole, so
+// a missing name tells a directory on its way from a missing entry by this list: any other
+// top-level name (\SystemRoot, \ArcName's links) is an entry of the root itself.
+bool IsRootDirectory(std::u16string_view name) {
+  static constexpr std::u16string_view kDirectories[] = {
+      u"\\??",       u"\\ArcName",  u"\\BaseNamedObjects", u"\\Callback",      u"\\Device",
+      u"\\Driver",   u"\\FileSystem", u"\\KernelObjects",  u"\\KnownDlls",     u"\\NLS",
+      u"\\ObjectTypes", u"\\RPC Control", u"\\Security",   u"\\Sessions",      u"\\Windows",
+  };
+  const std::u16string_view top = name.substr(0, name.find(u'\\', 1));
+  for (std::u16string_view directory : kDirectories)
+    if (EqualNoCase(top, directory)) return true;
+  return false;
+}
+
 }  // namespace
 
 ResolvedName ResolveObjectName(std::u16string_view input) {
@@ -118,9 +134,12 @@ ResolvedName ResolveObjectName(std::u16string_view input) {
       if (end == WString::npos) break;
     }
     if (!followedLink) {
-      // Nothing on the path exists: below a top-level directory ("\Device\X", "\??\D:")
-      // the name itself is missing, deeper a directory on the way is.
-      out.Status = CountSeparators(name) <= 2 ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
+      // Nothing on the path exists. The first missing component is the entry below a root
+      // directory ("\Device\X", "\??\D:") or, under no such directory, the top-level name
+      // itself ("\SystemRoot"): when it is the last component the name is missing,
+      // otherwise a directory on the way is.
+      const size_t missingAt = IsRootDirectory(name) ? 2 : 1;
+      out.Status = CountSeparators(name) <= missingAt ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
       return out;
     }
   }

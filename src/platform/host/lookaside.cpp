@@ -4,7 +4,8 @@
 // through their first bytes from L.ListHead (Region holds the first block, Alignment the
 // count), the obsolete lock word serialises the list, and Future[] marks an initialised
 // list and one a test has exhausted. Blocks come from the pool with the list's type and
-// tag, so fault injection and leak accounting see them.
+// tag, so fault injection and leak accounting see them; injected faults reach a block handed
+// out from the cache as well.
 #include <thread>
 
 #include "kvhost/pool.h"
@@ -108,6 +109,10 @@ PVOID Allocate(GENERAL_LOOKASIDE& l, PKSPIN_LOCK lock, const char* routine, cons
     ListLock guard(lock);
     Cached* first = FirstCached(l);
     if (first != nullptr) {
+      if (!kvhost::detail::TakeCachedBlock(l.Type, l.Size, l.Tag, first, caller)) {
+        __atomic_add_fetch(&l.AllocateMisses, 1, __ATOMIC_RELAXED);
+        return nullptr;
+      }
       SetFirstCached(l, first->Next);
       --CachedCount(l);
       return first;

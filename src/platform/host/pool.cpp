@@ -36,6 +36,7 @@ struct FreedBlock {
 
 struct TagCount {
   unsigned long long Attempts = 0;
+  unsigned long long CachedAllocations = 0;
   size_t Blocks = 0;
   SIZE_T Bytes = 0;
 };
@@ -53,6 +54,7 @@ struct PoolState {
   std::deque<std::pair<const void*, unsigned long long>> FreedOrder;
   std::map<ULONG, TagCount> Tags;
   unsigned long long Attempts = 0;
+  unsigned long long CachedAllocations = 0;  // served from lookaside caches
   // Faults.
   unsigned long long FailCountdown = 0;  // 0: none armed
   ULONG FailCountdownTag = 0;
@@ -205,6 +207,7 @@ void ResetPool() {
   s.FreedOrder.clear();
   s.Tags.clear();
   s.Attempts = 0;
+  s.CachedAllocations = 0;
   s.FailCountdown = 0;
   s.FailTags.clear();
   s.FailSites.clear();
@@ -347,6 +350,21 @@ void FreePool(PVOID block, ULONG tag, const void* site, const char* routine) {
   Release(block, b.Bytes);
 }
 
+bool TakeCachedBlock(POOL_TYPE type, SIZE_T bytes, ULONG tag, const void* block, const void* site) {
+  PoolState& s = Pool();
+  std::lock_guard<std::mutex> guard(s.Lock);
+  ++s.CachedAllocations;
+  ++s.Tags[tag].CachedAllocations;
+  const bool fail = ShouldFail(s, tag, site);
+  if (fail) ++s.Injected;
+  if (s.Logging) {
+    PoolBlockInfo info{fail ? nullptr : block, bytes, tag, type, site, s.Attempts};
+    info.FromLookasideCache = true;
+    s.Log.push_back(info);
+  }
+  return !fail;
+}
+
 void RegisterActiveStructure(const void* address, size_t bytes, const char* what, const void* owner) {
   std::lock_guard<std::mutex> guard(Pool().Lock);
   Pool().Active[address] = ActiveStructure{bytes, what, owner};
@@ -378,8 +396,22 @@ PoolMark MarkPool() {
   std::lock_guard<std::mutex> guard(s.Lock);
   PoolMark mark;
   mark.Attempts = s.Attempts;
-  for (const auto& [tag, count] : s.Tags) mark.AttemptsByTag[tag] = count.Attempts;
+  mark.CachedAllocations = s.CachedAllocations;
+  for (const auto& [tag, count] : s.Tags) {
+    mark.AttemptsByTag[tag] = count.Attempts;
+    mark.CachedAllocationsByTag[tag] = count.CachedAllocations;
+  }
   return mark;
+}
+
+unsigned long long CachedAllocationsSince(const PoolMark& mark, ULONG tag) {
+  PoolState& s = Pool();
+  std::lock_guard<std::mutex> guard(s.Lock);
+  if (tag == 0) return s.CachedAllocations - mark.CachedAllocations;
+  auto now = s.Tags.find(tag);
+  auto then = mark.CachedAllocationsByTag.find(tag);
+  return (now == s.Tags.end() ? 0 : now->second.CachedAllocations) -
+         (then == mark.CachedAllocationsByTag.end() ? 0 : then->second);
 }
 
 unsigned long long AllocationsSince(const PoolMark& mark) { return AttemptCount() - mark.Attempts; }
@@ -489,7 +521,9 @@ unsigned long long ForEachAllocationFailure(const std::function<void(unsigned lo
     scenario(k);
     bool fired = InjectedPoolFailures() != injectedBefore;
     ClearPoolFaults();
-    if (k == 0) total = tag == 0 ? AllocationsSince(mark) : AllocationsSince(mark, tag);
+    if (k == 0)
+      total = tag == 0 ? AllocationsSince(mark) + CachedAllocationsSince(mark)
+                       : AllocationsSince(mark, tag) + CachedAllocationsSince(mark, tag);
     if (k != 0 && !fired)
       ReportViolationF("PoolWalkDiverged",
                        "run %llu of the fault walk made fewer than %llu allocation attempts%s%s, unlike the first "

@@ -196,6 +196,8 @@ class Machine {
   static std::u16string ClassKeyPath(const GUID& classGuid);
   static constexpr std::u16string_view kVolumesSafeForWriteEvent = u"\\Device\\VolumesSafeForWriteAccess";
   static constexpr std::u16string_view kVolumeManager = u"volmgr";
+  // The link the system volume (drive letter C:) gets to its Windows directory.
+  static constexpr std::u16string_view kSystemRootLink = u"\\SystemRoot";
 
  private:
   void InstallRegistry();
@@ -210,6 +212,7 @@ class Machine {
   void Depart(Volume& volume);
   NTSTATUS CreateMountLinks(Volume& volume);
   NTSTATUS CreateLink(Volume& volume, const std::u16string& link, const std::u16string& announced);
+  void CreateSystemRoot(Volume& volume);
   void DeleteLinks(Volume& volume);
   NTSTATUS SendPnp(Volume& volume, UCHAR minor);
   NTSTATUS SendShutdownPower(Volume& volume);

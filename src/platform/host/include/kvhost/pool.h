@@ -25,14 +25,19 @@ std::string DescribeTag(ULONG tag);
 constexpr SIZE_T kMaxPoolBlockBytes = SIZE_T{1} << 30;
 
 // ----- Accounting. An allocation attempt is every call that reaches the pool (also from a
-// lookaside list that has no cached block), whether it succeeds or fails.
+// lookaside list that has no cached block), whether it succeeds or fails. An allocation a
+// lookaside list serves from its cache is not one; it is counted apart.
 struct PoolMark {
   unsigned long long Attempts = 0;
   std::map<ULONG, unsigned long long> AttemptsByTag;
+  unsigned long long CachedAllocations = 0;
+  std::map<ULONG, unsigned long long> CachedAllocationsByTag;
 };
 PoolMark MarkPool();
 unsigned long long AllocationsSince(const PoolMark& mark);
 unsigned long long AllocationsSince(const PoolMark& mark, ULONG tag);
+// Allocations served from lookaside lists' caches since the mark (of `tag`, or all).
+unsigned long long CachedAllocationsSince(const PoolMark& mark, ULONG tag = 0);
 
 // Blocks and bytes allocated now, of one tag or (tag 0) of all.
 size_t OutstandingBlocks(ULONG tag = 0);
@@ -45,6 +50,9 @@ struct PoolBlockInfo {
   POOL_TYPE Type = NonPagedPoolNx;
   const void* Site = nullptr;  // the allocating call's return address
   unsigned long long Sequence = 0;  // the attempt's number since the start of the test
+  // Served from a lookaside list's cache (in the allocation log only): not a pool attempt;
+  // Sequence is then the number of the last pool attempt before it.
+  bool FromLookasideCache = false;
 };
 // Blocks allocated now, oldest first.
 std::vector<PoolBlockInfo> OutstandingPool();
@@ -59,6 +67,10 @@ std::vector<std::string> DescribePoolLeaks();
 void FreeAllPool();
 
 // ----- Fault injection. An injected failure returns NULL as an exhausted pool would.
+// Faults reach allocations served from a lookaside list's cache too: a driver meets a list
+// with an empty cache whenever the system trims it, so each of its lookaside allocations is
+// a place that must cope with NULL. Such an allocation counts as an attempt here, and a
+// failed one leaves its block cached.
 // The n-th attempt from now (1 = the next) fails; with a tag, the n-th attempt with that
 // tag. A new call replaces the previous one.
 void FailNthAllocation(unsigned long long n, ULONG tag = 0);
@@ -74,7 +86,7 @@ unsigned long long InjectedPoolFailures();
 void ExhaustLookasideList(const void* lookasideList, bool exhausted = true);
 
 // The fault walk: runs `scenario(0)` without faults to count its allocation attempts (of
-// `tag`, or all), then `scenario(k)` for each k from 1 to that count with exactly its k-th
+// `tag`, or all; lookaside allocations served from a cache included), then `scenario(k)` for each k from 1 to that count with exactly its k-th
 // attempt failing. Each run must leave the pool as it found it: a run that leaves blocks
 // behind (PoolLeakUnderFault) or makes fewer attempts than its fault needs
 // (PoolWalkDiverged: the scenario is not deterministic) is reported. Returns the count.
