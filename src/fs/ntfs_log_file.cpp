@@ -20,11 +20,12 @@ bool IsRestartSignature(ULONG Signature) {
   return Signature == LFS_SIGNATURE_RESTART_PAGE || Signature == LFS_SIGNATURE_CHKDSK_PAGE;
 }
 
-// Builds LogFileMcb from every $DATA attribute of $LogFile's record.
+// Builds LogFileMcb from every $DATA attribute of $LogFile's record. The map counts as built
+// (LogFileMcbValid, by which NtfsUninitialize knows to release it) only once the search went
+// through all of them; a search that fails takes the map down again, so that nothing marks
+// the log as read and the query can be made anew once the record reads right.
 NTSTATUS MapLogFile(PNTFS_VOLUME_CONTEXT Context, PVOID Record, PNTFS_ATTRIBUTE_CONTEXT Search) {
   FsRtlInitializeLargeMcb(&Context->LogFileMcb, PagedPool);
-  // From here on NtfsUninitialize releases the map, whatever becomes of this query.
-  Context->LogFileMcbValid = TRUE;
   NTSTATUS status;
   for (;;) {
     PATTRIBUTE_RECORD_HEADER data = NULL;
@@ -39,19 +40,27 @@ NTSTATUS MapLogFile(PNTFS_VOLUME_CONTEXT Context, PVOID Record, PNTFS_ATTRIBUTE_
                                       data->RecordLength - pairsOffset, data->Form.Nonresident.LowestVcn);
     if (!NT_SUCCESS(status)) break;
   }
-  return status == STATUS_NOT_FOUND ? STATUS_SUCCESS : status;
+  if (status == STATUS_NOT_FOUND) {
+    Context->LogFileMcbValid = TRUE;
+    return STATUS_SUCCESS;
+  }
+  FsRtlUninitializeLargeMcb(&Context->LogFileMcb);
+  return status;
 }
 
-// Bytes of $LogFile by its map (holes included); 0 when the map is empty or the file does
-// not fit 32 bits.
+// Bytes of $LogFile by its map (holes included); 0 when the map is empty, or claims more than
+// 32 bits or the volume can hold. The log lies on its volume: a larger one is damage, and the
+// whole of it would be asked for in one allocation before a read could fail.
 ULONG LogFileSize(PNTFS_VOLUME_CONTEXT Context) {
+  const ULONGLONG volumeBytes = static_cast<ULONGLONG>(Context->VolumeLength);
+  const ULONGLONG limit = volumeBytes < MAXULONG ? volumeBytes : MAXULONG;
   ULONGLONG size = 0;
   LONGLONG vcn, lcn, clusters;
   for (ULONG index = 0; FsRtlGetNextLargeMcbEntry(&Context->LogFileMcb, index, &vcn, &lcn, &clusters); ++index) {
     // Stops as soon as the size is out of range, before the sum could overflow.
-    if (static_cast<ULONGLONG>(clusters) > MAXULONG / Context->BytesPerCluster) return 0;
+    if (static_cast<ULONGLONG>(clusters) > limit / Context->BytesPerCluster) return 0;
     size += static_cast<ULONGLONG>(clusters) * Context->BytesPerCluster;
-    if (size > MAXULONG) return 0;
+    if (size > limit) return 0;
   }
   return static_cast<ULONG>(size);
 }
@@ -139,6 +148,9 @@ NTSTATUS NtfsQueryLogFileRestartCount(PNTFS_VOLUME_CONTEXT Context, PULONG Count
   NTFS_ATTRIBUTE_CONTEXT search;
   NtfsInitAttributeContext(&search);
   NTFS_MAPPED_STREAM stream = {};
+  // Once the map stands the log counts as read for this context, whatever becomes of the
+  // rest of the query: the baseline is taken once per reader, and a fresh reader reads the
+  // log again. Failures before that (the record, the search) leave no map behind.
   NTSTATUS status = STATUS_SUCCESS;
   PVOID record = ExAllocatePoolWithTag(PagedPool, Context->FileRecordSize, NTFS_POOL_TAG);
   if (record == NULL) status = STATUS_INSUFFICIENT_RESOURCES;

@@ -1,5 +1,6 @@
 #include "fs_volume.h"
 
+#include <cstring>
 #include <filesystem>
 
 #include "kvtestbed/driver_images.h"
@@ -43,6 +44,35 @@ std::vector<kvtestbed::Volume*> FsMachineTest::Boot(const std::vector<ImageVolum
 PCBT_DEVICE_EXTENSION FsMachineTest::ExtensionOf(kvtestbed::Volume* volume) {
   PDEVICE_OBJECT top = volume->TopOfStack();
   return top != nullptr && top != volume->Device() ? CbtExtensionOf(top) : nullptr;
+}
+
+FileRecordPlace PlaceOfFileRecord(const std::string& image, uint64_t record) {
+  const VolumeGeometry geometry = ReadVolumeGeometry(image);
+  return {static_cast<uint64_t>(geometry.MftLcn) * geometry.ClusterSize + record * geometry.FileRecordSize,
+          geometry.FileRecordSize};
+}
+
+void EditFileRecord(kvtestbed::Volume* volume, const FileRecordPlace& place,
+                    const std::function<void(std::vector<uint8_t>&)>& edit) {
+  std::vector<uint8_t> record = volume->ReadDirect(place.Offset, place.Size);
+  ASSERT_TRUE(UnprotectRecord(record)) << "file record at " << place.Offset;
+  edit(record);
+  ASSERT_TRUE(ProtectRecord(record));
+  volume->WriteDirect(place.Offset, record);
+}
+
+size_t FindAttribute(const std::vector<uint8_t>& record, uint32_t type) {
+  uint16_t first;
+  std::memcpy(&first, &record[0x14], 2);
+  for (size_t at = first; at + 8 <= record.size();) {
+    uint32_t found, length;
+    std::memcpy(&found, &record[at], 4);
+    std::memcpy(&length, &record[at + 4], 4);
+    if (found == type) return at;
+    if (found == 0xFFFFFFFF || length == 0) break;
+    at += length;
+  }
+  return 0;
 }
 
 }  // namespace kvfs

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,22 @@ struct ImageVolume {
   // Restart pages written into $LogFile before the machine starts.
   std::vector<RestartPage> RestartPages;
 };
+
+// File record `record` of the NTFS volume made as `image`: where it lies on the volume (one of
+// the first records, which lie at the start of $MFT) and how long it is.
+struct FileRecordPlace {
+  uint64_t Offset;
+  uint32_t Size;
+};
+FileRecordPlace PlaceOfFileRecord(const std::string& image, uint64_t record);
+
+// Rewrites a file record on the volume: `edit` gets it without its update sequence protection,
+// and it goes back protected.
+void EditFileRecord(kvtestbed::Volume* volume, const FileRecordPlace& place,
+                    const std::function<void(std::vector<uint8_t>&)>& edit);
+
+// Offset of the first attribute of `type` in an unprotected file record; 0 when it has none.
+size_t FindAttribute(const std::vector<uint8_t>& record, uint32_t type);
 
 class FsMachineTest : public testing::Test {
  protected:

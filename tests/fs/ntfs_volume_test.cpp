@@ -1,6 +1,8 @@
 // The NTFS reader on real volumes made by mkntfs: geometry, label and restart count agree
 // with what libntfs-3g reads from the same image; volumes that are not NTFS are refused;
 // failing disks and pool leave nothing behind.
+#include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "fs/cbt_ntfs.h"
@@ -211,6 +213,61 @@ TEST_F(NtfsVolumeTest, BootSectorChecksRefuseWhatNoNtfsVolumeHas) {
   volume->WriteDirect(0, coded);
   ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
   EXPECT_EQ(context_.FileRecordSize, 1024u);
+  NtfsUninitialize(&context_);
+}
+
+// $LogFile's record must map the log: a $DATA kept in the record, or runs that claim more
+// than the volume holds, make the log corrupt. A failed search leaves no map behind, so the
+// same context reads the log once the record is right again; a log larger than the volume is
+// refused before its size is asked of the pool.
+TEST_F(NtfsVolumeTest, ALogFileRecordThatDoesNotMapTheLogIsCorrupt) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Logged"});
+  const LogFileLayout layout = ReadLogFileLayout(image);
+  const FileRecordPlace place = PlaceOfFileRecord(image, 2);
+  kvtestbed::Volume* volume = BootOne({.Image = image, .RestartPages = {{.Count = 6, .Lsn = 3}}}, false);
+  const std::vector<uint8_t> original = volume->ReadDirect(place.Offset, place.Size);
+
+  EditFileRecord(volume, place, [](std::vector<uint8_t>& record) {
+    const size_t at = FindAttribute(record, NTFS_DATA);
+    ASSERT_NE(at, 0u);
+    record[at + 8] = NTFS_RESIDENT_FORM;
+    std::fill(record.begin() + static_cast<long>(at) + 0x10, record.begin() + static_cast<long>(at) + 0x18, 0);
+    record[at + 0x14] = 0x18;  // an empty value right after the header
+  });
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  ULONG count = 77;
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_FILE_CORRUPT_ERROR);
+  EXPECT_EQ(count, 77u);
+  EXPECT_FALSE(context_.LogFileMcbValid);
+  volume->WriteDirect(place.Offset, original);
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_SUCCESS) << "read again, not refused as read";
+  EXPECT_EQ(count, 6u);
+  NtfsUninitialize(&context_);
+
+  // One run from the log's first cluster, one cluster longer than the whole volume.
+  const uint64_t clusters = volume->SizeBytes() / layout.ClusterSize + 1;
+  ASSERT_LT(clusters, 0x8000u);
+  const int64_t lcn = layout.Runs[0].Lcn;
+  ASSERT_LT(lcn, 0x8000);
+  const std::vector<uint8_t> pairs = {0x22, static_cast<uint8_t>(clusters), static_cast<uint8_t>(clusters >> 8),
+                                      static_cast<uint8_t>(lcn), static_cast<uint8_t>(lcn >> 8), 0x00};
+  EditFileRecord(volume, place, [&](std::vector<uint8_t>& record) {
+    const size_t at = FindAttribute(record, NTFS_DATA);
+    ASSERT_NE(at, 0u);
+    uint16_t pairsOffset;
+    uint32_t length;
+    std::memcpy(&pairsOffset, &record[at + 0x20], 2);
+    std::memcpy(&length, &record[at + 4], 4);
+    ASSERT_LE(pairsOffset + pairs.size(), length);
+    std::copy(pairs.begin(), pairs.end(), record.begin() + static_cast<long>(at + pairsOffset));
+  });
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  kvhost::LogAllocations(true);
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_FILE_CORRUPT_ERROR);
+  kvhost::LogAllocations(false);
+  SIZE_T largest = 0;
+  for (const kvhost::PoolBlockInfo& attempt : kvhost::TakeAllocationLog()) largest = std::max(largest, attempt.Bytes);
+  EXPECT_LT(largest, SIZE_T{1} << 20);
   NtfsUninitialize(&context_);
 }
 
