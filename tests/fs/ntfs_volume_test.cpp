@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "fs/cbt_ntfs.h"
 #include "fs_volume.h"
@@ -213,6 +214,65 @@ TEST_F(NtfsVolumeTest, BootSectorChecksRefuseWhatNoNtfsVolumeHas) {
   volume->WriteDirect(0, coded);
   ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
   EXPECT_EQ(context_.FileRecordSize, 1024u);
+  NtfsUninitialize(&context_);
+}
+
+// A stream's holes read as zeros, also where a batch read before them left other bytes in the
+// request's buffer and where they span more than one batch (64 KiB). The stream lies on
+// $LogFile's clusters, which mkntfs fills with 0xFF and which this test reads only this way.
+TEST_F(NtfsVolumeTest, HolesInAStreamReadAsZeros) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Holes"});
+  const LogFileLayout layout = ReadLogFileLayout(image);
+  ASSERT_FALSE(layout.Runs.empty());
+  ASSERT_GE(layout.Runs[0].Clusters, 8);
+  const LONGLONG lcn = layout.Runs[0].Lcn;
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  const std::vector<uint8_t> clusters = volume->ReadDirect(static_cast<uint64_t>(lcn) * 4096, 8 * 4096);
+  ASSERT_EQ(std::count(clusters.begin(), clusters.end(), 0), 0) << "the run's bytes tell from a hole's";
+
+  struct Case {
+    const char* What;
+    std::vector<std::pair<LONGLONG, LONGLONG>> Runs;  // VCN, LCN of 4 clusters each
+    LONGLONG Clusters;
+  };
+  const std::vector<Case> cases = {{"a hole of 20 clusters between two runs", {{0, lcn}, {24, lcn + 4}}, 28},
+                                   {"a hole at the start", {{3, lcn}}, 7}};
+  for (const Case& c : cases) {
+    LARGE_MCB mcb;
+    FsRtlInitializeLargeMcb(&mcb, PagedPool);
+    std::vector<uint8_t> expected(static_cast<size_t>(c.Clusters) * 4096, 0);
+    for (const auto& [vcn, runLcn] : c.Runs) {
+      ASSERT_EQ(NtfsSetMcbEntry(&mcb, vcn, runLcn, 4), STATUS_SUCCESS);
+      std::copy_n(clusters.begin() + (runLcn - lcn) * 4096, 4 * 4096, expected.begin() + vcn * 4096);
+    }
+    // From the middle of the first cluster to the middle of the last.
+    NTFS_MAPPED_STREAM stream;
+    const ULONG length = static_cast<ULONG>(expected.size() - 4096);
+    ASSERT_EQ(NtfsMapStream(&context_, &mcb, 2048, length, &stream), STATUS_SUCCESS) << c.What;
+    EXPECT_TRUE(std::equal(expected.begin() + 2048, expected.begin() + 2048 + length, stream.Data)) << c.What;
+    NtfsFreeMappedStream(&stream);
+    FsRtlUninitializeLargeMcb(&mcb);
+  }
+  NtfsUninitialize(&context_);
+}
+
+// A $Volume record without a $VOLUME_NAME has no label to give: STATUS_NOT_FOUND, and no
+// buffer to free.
+TEST_F(NtfsVolumeTest, AVolumeRecordWithoutItsNameAttributeHasNoLabel) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Data"});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  EditFileRecord(volume, PlaceOfFileRecord(image, 3), [](std::vector<uint8_t>& record) {
+    const size_t at = FindAttribute(record, NTFS_VOLUME_NAME);
+    ASSERT_NE(at, 0u);
+    const uint32_t objectId = 0x40;  // resident like the name, and not looked for
+    std::memcpy(&record[at], &objectId, 4);
+  });
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  UNICODE_STRING label;
+  EXPECT_EQ(NtfsQueryVolumeName(&context_, &label), STATUS_NOT_FOUND);
+  EXPECT_EQ(label.Buffer, nullptr);
+  EXPECT_EQ(label.Length, 0u);
   NtfsUninitialize(&context_);
 }
 
