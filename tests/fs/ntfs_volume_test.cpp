@@ -195,7 +195,6 @@ TEST_F(NtfsVolumeTest, BootSectorChecksRefuseWhatNoNtfsVolumeHas) {
       {0x40, {0x00}, "no file records"},
       {0x40, {0x80}, "file records of 2^128 bytes"},
       {0x0D, {0x00}, "no sectors per cluster"},
-      {0x0D, {0xE8}, "clusters larger than NTFS makes"},
   };
   for (const Damage& damage : damages) {
     std::vector<uint8_t> bad = boot;
@@ -203,18 +202,40 @@ TEST_F(NtfsVolumeTest, BootSectorChecksRefuseWhatNoNtfsVolumeHas) {
     volume->WriteDirect(0, bad);
     EXPECT_EQ(Initialize(volume), STATUS_UNRECOGNIZED_VOLUME) << damage.What;
   }
-  // Encoded sizes as NTFS writes them: 0xF4 sectors per cluster is 4,096 (too large here:
-  // 2 MiB clusters are the most), 0xF6 is a 1 KiB record.
+  // A record size encoded as NTFS writes it: 0xF6 is 2^10, a 1 KiB record.
   std::vector<uint8_t> coded = boot;
-  coded[0x0D] = 0xF4;
-  volume->WriteDirect(0, coded);
-  EXPECT_EQ(Initialize(volume), STATUS_UNRECOGNIZED_VOLUME);
-  coded = boot;
   coded[0x40] = 0xF6;
   volume->WriteDirect(0, coded);
   ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
   EXPECT_EQ(context_.FileRecordSize, 1024u);
   NtfsUninitialize(&context_);
+}
+
+// Sectors per cluster above 128 are encoded as a power of two, as mkntfs writes 2 MiB clusters
+// on 512-byte sectors: 0xF4 is 2^12 sectors. 2 MiB is the largest cluster NTFS makes, and a
+// larger one is refused for its size alone: with $MFT and its mirror moved to clusters 0 and 1,
+// which every cluster size allows, 0xF3 (4 MiB) is refused while 0xF4 passes the boot sector's
+// checks and fails only at the record it then finds at cluster 0 (the boot sector).
+TEST_F(NtfsVolumeTest, ClusterSizesAreDecodedAndCappedAtTwoMegabytes) {
+  const std::string image = NtfsImage({.SizeBytes = 1ull << 30, .ClusterSize = 2u << 20, .Label = "Huge"});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  const std::vector<uint8_t> boot = volume->ReadDirect(0, 512);
+  ASSERT_EQ(boot[0x0D], 0xF4);
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  EXPECT_EQ(context_.SectorsPerCluster, 4096u);
+  EXPECT_EQ(context_.BytesPerCluster, 2u << 20);
+  EXPECT_EQ(context_.FileRecordSize, ReadVolumeGeometry(image).FileRecordSize);
+  NtfsUninitialize(&context_);
+
+  for (const auto& [code, expected] : {std::pair<uint8_t, NTSTATUS>{0xF3, STATUS_UNRECOGNIZED_VOLUME},
+                                       std::pair<uint8_t, NTSTATUS>{0xF4, STATUS_FILE_CORRUPT_ERROR}}) {
+    std::vector<uint8_t> moved = boot;
+    moved[0x0D] = code;
+    std::fill(moved.begin() + 0x30, moved.begin() + 0x40, 0);
+    moved[0x38] = 1;
+    volume->WriteDirect(0, moved);
+    EXPECT_EQ(Initialize(volume), expected) << "sectors per cluster " << int{code};
+  }
 }
 
 // A stream's holes read as zeros, also where a batch read before them left other bytes in the
