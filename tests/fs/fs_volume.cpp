@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "kvtestbed/driver_images.h"
+#include "log/cbt_log_inspection.h"
 
 namespace kvfs {
 
@@ -13,6 +14,8 @@ std::vector<kvtestbed::Volume*> FsMachineTest::Boot(const std::vector<ImageVolum
   kvtestbed::RegisterDriverImage(u"kvcbt", DriverEntry);
   kvtestbed::MachineConfig config;
   config.VolumeUpperFilters = withDriver ? std::vector<std::u16string>{u"kvcbt"} : std::vector<std::u16string>{};
+  // The driver records its steps, for the tests that read them.
+  if (withDriver) config.Services = {{u"kvcbt", nullptr, {kvtestbed::RegistrySetting::Dword(u"DebugLog", 1)}}};
   machine_ = std::make_unique<kvtestbed::Machine>(config);
   std::vector<kvtestbed::Volume*> out;
   for (const ImageVolume& image : volumes) {
@@ -45,6 +48,17 @@ PCBT_DEVICE_EXTENSION FsMachineTest::ExtensionOf(kvtestbed::Volume* volume) {
   PDEVICE_OBJECT top = volume->TopOfStack();
   return top != nullptr && top != volume->Device() ? CbtExtensionOf(top) : nullptr;
 }
+
+std::vector<FsMachineTest::Record> FsMachineTest::TakeRecords(const char* text) {
+  std::vector<CBT_LOG_RECORD_BODY> bodies(CBT_LOG_QUEUE_LIMIT);
+  bodies.resize(CbtDrainQueuedLogRecords(bodies.data(), CBT_LOG_QUEUE_LIMIT));
+  std::vector<Record> records;
+  for (const CBT_LOG_RECORD_BODY& body : bodies)
+    if (std::strcmp(body.Text, text) == 0) records.push_back({body.DeviceFlags, body.Status});
+  return records;
+}
+
+void FsMachineTest::DropRecords() { CbtDrainQueuedLogRecords(nullptr, CBT_LOG_QUEUE_LIMIT); }
 
 FileRecordPlace PlaceOfFileRecord(const std::string& image, uint64_t record) {
   const VolumeGeometry geometry = ReadVolumeGeometry(image);

@@ -51,6 +51,15 @@ class FsMachineTest : public testing::Test {
   // The driver's extension of a volume filtered by it.
   static PCBT_DEVICE_EXTENSION ExtensionOf(kvtestbed::Volume* volume);
 
+  // The driver's queued records whose text is `text`, oldest first; the queue is emptied.
+  // DropRecords empties it without looking.
+  struct Record {
+    ULONG DeviceFlags;
+    ULONG Status;
+  };
+  static std::vector<Record> TakeRecords(const char* text);
+  static void DropRecords();
+
   std::unique_ptr<kvtestbed::Machine> machine_;
 };
 
