@@ -58,5 +58,19 @@ int main(int argc, char** argv) {
   Save(root / "ntfs_log_file_fuzz", "check-disk-page",
        Cat(kvfs::BuildRestartPage({.Count = 3, .Lsn = 9, .Signature = "CHKD", .AreaOffset = 0x40}),
            std::vector<uint8_t>(4096, 0xFF)));
+  // Restart areas whose flags lie on a stride's last two bytes, where the protected page keeps
+  // the update sequence number; a number with the clean flag's bit set (protecting counts the
+  // stored 6 up to 7), so that a flag cleared there shows.
+  const auto flagsOnStrideEnd = [](uint32_t count, uint16_t areaOffset) {
+    std::vector<uint8_t> page = kvfs::BuildRestartPage({.Count = count, .Lsn = count, .Flags = 0x0003,
+                                                        .AreaOffset = areaOffset});
+    kvfs::UnprotectRecord(page);
+    page[0x1E] = 6;
+    page[0x1F] = 0;
+    kvfs::ProtectRecord(page);
+    return page;
+  };
+  Save(root / "ntfs_log_file_fuzz", "flags-on-stride-ends",
+       Cat(flagsOnStrideEnd(5, 0x1F0), flagsOnStrideEnd(6, 0x3F0)));
   return 0;
 }

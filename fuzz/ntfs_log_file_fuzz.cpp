@@ -32,6 +32,30 @@ void CheckWrite(const uint8_t* data, size_t size) {
     std::fprintf(stderr, "the write-side check changed %zu bytes (restart page: %d)\n", changed, restart);
     std::abort();
   }
+  // A page that read whole before the change reads whole after it, its restart area's flags
+  // without the clean bit: the bit goes wherever the page keeps the flags on its way to the
+  // disk, never onto a stride's update sequence number. Flags past the first page are under
+  // another page's protection, which this does not undo.
+  if (restart) {
+    const ULONG pageBytes = static_cast<ULONG>(std::min<size_t>(size, 4096));
+    uint16_t areaOffset;
+    std::memcpy(&areaOffset, &data[0x18], 2);
+    std::vector<uint8_t> before(data, data + pageBytes);
+    std::vector<uint8_t> after(static_cast<const uint8_t*>(buffer), static_cast<const uint8_t*>(buffer) + pageBytes);
+    if (areaOffset + 0x10u <= pageBytes && NT_SUCCESS(NtfsApplyUpdateSequence(before.data(), pageBytes))) {
+      if (!NT_SUCCESS(NtfsApplyUpdateSequence(after.data(), pageBytes))) {
+        std::fprintf(stderr, "the write-side check tore the page\n");
+        std::abort();
+      }
+      uint16_t flagsBefore, flagsAfter;
+      std::memcpy(&flagsBefore, &before[areaOffset + 0x0E], 2);
+      std::memcpy(&flagsAfter, &after[areaOffset + 0x0E], 2);
+      if (flagsAfter != (flagsBefore & ~0x0002)) {
+        std::fprintf(stderr, "the restart area's flags read 0x%04X, not 0x%04X\n", flagsAfter, flagsBefore & ~0x0002);
+        std::abort();
+      }
+    }
+  }
   irp->MdlAddress = nullptr;
   IoFreeIrp(irp);
   IoFreeMdl(mdl);

@@ -64,9 +64,8 @@ int RunHostProgram(const std::vector<std::string>& argv) {
 
 std::string MakeNtfsImage(const std::string& path, uint64_t bytes, uint32_t sectorSize, const NtfsFormat& format) {
   if (sectorSize != 512 && sectorSize != 4096) return "an NTFS disk has 512- or 4096-byte sectors";
-  if (!IsPowerOfTwo(format.ClusterSize) || format.ClusterSize < sectorSize || format.ClusterSize > 65536)
-    return "cluster size " + std::to_string(format.ClusterSize) +
-           " (a power of two from the sector size to 65536 bytes)";
+  if (!IsPowerOfTwo(format.ClusterSize) || format.ClusterSize < sectorSize || format.ClusterSize > (2u << 20))
+    return "cluster size " + std::to_string(format.ClusterSize) + " (a power of two from the sector size to 2 MiB)";
   if (!MakeSparseFile(path, bytes)) return "cannot create the image " + path + ": " + std::strerror(errno);
   // Quick (no zeroing: the image is sparse), no geometry of a BIOS disk, the whole image.
   std::vector<std::string> argv = {"mkntfs", "-F", "-q", "-Q", "-p", "0", "-H", "0", "-S", "0",

@@ -98,13 +98,18 @@ NTSTATUS ProbeFileSystems(PCBT_DEVICE_EXTENSION Extension) {
   if (status == STATUS_FVE_LOCKED_VOLUME || status == kBitLockerLockedMetadata) {
     // A locked volume's metadata is not readable by anyone: it is no other file system.
     CbtSetFlags(Extension, CBT_FLAG_BITLOCKER_LOCKED);
+    CBT_LOG_VOLUME(Extension, "CbtInitializeFileSystem", status);
     return status;
   }
 
   PREFS_VOLUME_CONTEXT refs = CbtRefsContext(&Extension->FileSystemContext);
   status = RefsInitialize(Extension->LowerDeviceObject, CbtReadFlags(Extension), Extension->VolumeNumber,
                           Extension->DriveLetter, refs);
-  if (!NT_SUCCESS(status)) return status;
+  if (!NT_SUCCESS(status)) {
+    // Neither reader knows the volume: it stays without a context, and its writes untracked.
+    CBT_LOG_VOLUME(Extension, "CbtInitializeFileSystem", status);
+    return status;
+  }
   status = SetUpGeometry(Extension, refs->BytesPerSector, refs->TotalSectors, refs->BytesPerCluster,
                          static_cast<ULONGLONG>(refs->TotalClusters), CBT_FILE_SYSTEM_REFS);
   if (!NT_SUCCESS(status)) {

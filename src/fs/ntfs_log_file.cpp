@@ -20,11 +20,12 @@ bool IsRestartSignature(ULONG Signature) {
   return Signature == LFS_SIGNATURE_RESTART_PAGE || Signature == LFS_SIGNATURE_CHKDSK_PAGE;
 }
 
-// Builds LogFileMcb from every $DATA attribute of $LogFile's record.
+// Builds LogFileMcb from every $DATA attribute of $LogFile's record. The map counts as built
+// (LogFileMcbValid, by which NtfsUninitialize knows to release it) only once the search went
+// through all of them; a search that fails takes the map down again, so that nothing marks
+// the log as read and the query can be made anew once the record reads right.
 NTSTATUS MapLogFile(PNTFS_VOLUME_CONTEXT Context, PVOID Record, PNTFS_ATTRIBUTE_CONTEXT Search) {
   FsRtlInitializeLargeMcb(&Context->LogFileMcb, PagedPool);
-  // From here on NtfsUninitialize releases the map, whatever becomes of this query.
-  Context->LogFileMcbValid = TRUE;
   NTSTATUS status;
   for (;;) {
     PATTRIBUTE_RECORD_HEADER data = NULL;
@@ -39,19 +40,27 @@ NTSTATUS MapLogFile(PNTFS_VOLUME_CONTEXT Context, PVOID Record, PNTFS_ATTRIBUTE_
                                       data->RecordLength - pairsOffset, data->Form.Nonresident.LowestVcn);
     if (!NT_SUCCESS(status)) break;
   }
-  return status == STATUS_NOT_FOUND ? STATUS_SUCCESS : status;
+  if (status == STATUS_NOT_FOUND) {
+    Context->LogFileMcbValid = TRUE;
+    return STATUS_SUCCESS;
+  }
+  FsRtlUninitializeLargeMcb(&Context->LogFileMcb);
+  return status;
 }
 
-// Bytes of $LogFile by its map (holes included); 0 when the map is empty or the file does
-// not fit 32 bits.
+// Bytes of $LogFile by its map (holes included); 0 when the map is empty, or claims more than
+// 32 bits or the volume can hold. The log lies on its volume: a larger one is damage, and the
+// whole of it would be asked for in one allocation before a read could fail.
 ULONG LogFileSize(PNTFS_VOLUME_CONTEXT Context) {
+  const ULONGLONG volumeBytes = static_cast<ULONGLONG>(Context->VolumeLength);
+  const ULONGLONG limit = volumeBytes < MAXULONG ? volumeBytes : MAXULONG;
   ULONGLONG size = 0;
   LONGLONG vcn, lcn, clusters;
   for (ULONG index = 0; FsRtlGetNextLargeMcbEntry(&Context->LogFileMcb, index, &vcn, &lcn, &clusters); ++index) {
     // Stops as soon as the size is out of range, before the sum could overflow.
-    if (static_cast<ULONGLONG>(clusters) > MAXULONG / Context->BytesPerCluster) return 0;
+    if (static_cast<ULONGLONG>(clusters) > limit / Context->BytesPerCluster) return 0;
     size += static_cast<ULONGLONG>(clusters) * Context->BytesPerCluster;
-    if (size > MAXULONG) return 0;
+    if (size > limit) return 0;
   }
   return static_cast<ULONG>(size);
 }
@@ -89,6 +98,44 @@ NTSTATUS ReadRestartCount(PNTFS_VOLUME_CONTEXT Context, PUCHAR Data, ULONG Size,
   return STATUS_SUCCESS;
 }
 
+// Where the restart area's flags are as the page goes to the disk, or NULL when they cannot
+// be changed without tearing the page.
+//
+// The page travels protected: the last two bytes of every 512-byte stride hold the update
+// sequence number, and the bytes that belong there wait in the update sequence array. The
+// area starts at a multiple of 8, so its count (bytes 0 to 3 of an 8-byte group) never lies
+// on a stride's last two bytes (6 and 7 of a group) and is read where it is. Its flags (6
+// and 7) do when the area starts 16 bytes before a stride's end: clearing the bit there
+// would change the sequence number and every reader would find the page torn. Their array
+// entry is changed instead. It must lie where the log puts its array, between the page's
+// header and the restart area, off the strides' ends, and the stride must carry the
+// sequence number. Flags elsewhere are changed where they are, unless they lie in the array
+// itself, where they would be the sequence number or another stride's bytes too. A page that
+// fails this is not one any reader would take for a restart page, and changing it by
+// guesswork could only damage it further. Everything looked at lies before the end of the
+// area, which the caller found inside the write.
+PUCHAR RestartAreaFlagsAsWritten(PUCHAR Data, ULONG AreaOffset) {
+  const ULONG flagsOffset = AreaOffset + FIELD_OFFSET(LFS_RESTART_AREA, Flags);
+  const NTFS_MULTI_SECTOR_HEADER* header = reinterpret_cast<const NTFS_MULTI_SECTOR_HEADER*>(Data);
+  const ULONG entries = header->UpdateSequenceArrayCount;
+  // Without an array the page is taken as it stands, as the log's reader takes it.
+  if (entries == 0) return Data + flagsOffset;
+  const ULONG arrayOffset = header->UpdateSequenceArrayOffset;
+  const ULONG stride = flagsOffset / NTFS_SEQUENCE_STRIDE + 1;  // counted from 1, as the array counts them
+  if (flagsOffset != stride * NTFS_SEQUENCE_STRIDE - sizeof(USHORT)) {
+    const bool inArray =
+        flagsOffset + sizeof(USHORT) > arrayOffset && flagsOffset < arrayOffset + entries * sizeof(USHORT);
+    return inArray ? NULL : Data + flagsOffset;
+  }
+  const ULONG entryOffset = arrayOffset + stride * sizeof(USHORT);
+  if ((arrayOffset & 1) != 0 || stride >= entries || arrayOffset < kRestartHeaderBytes ||
+      entryOffset + sizeof(USHORT) > AreaOffset ||
+      entryOffset % NTFS_SEQUENCE_STRIDE == NTFS_SEQUENCE_STRIDE - sizeof(USHORT))
+    return NULL;
+  if (Data[flagsOffset] != Data[arrayOffset] || Data[flagsOffset + 1] != Data[arrayOffset + 1]) return NULL;
+  return Data + entryOffset;
+}
+
 }  // namespace
 
 NTSTATUS NtfsQueryLogFileRestartCount(PNTFS_VOLUME_CONTEXT Context, PULONG Count) {
@@ -101,6 +148,9 @@ NTSTATUS NtfsQueryLogFileRestartCount(PNTFS_VOLUME_CONTEXT Context, PULONG Count
   NTFS_ATTRIBUTE_CONTEXT search;
   NtfsInitAttributeContext(&search);
   NTFS_MAPPED_STREAM stream = {};
+  // Once the map stands the log counts as read for this context, whatever becomes of the
+  // rest of the query: the baseline is taken once per reader, and a fresh reader reads the
+  // log again. Failures before that (the record, the search) leave no map behind.
   NTSTATUS status = STATUS_SUCCESS;
   PVOID record = ExAllocatePoolWithTag(PagedPool, Context->FileRecordSize, NTFS_POOL_TAG);
   if (record == NULL) status = STATUS_INSUFFICIENT_RESOURCES;
@@ -147,8 +197,16 @@ BOOLEAN NtfsIsLogFileRestartCountIrp(PNTFS_VOLUME_CONTEXT Context, PIRP Irp, PUL
   const ULONG areaOffset = header->RestartOffset;
   if (areaOffset >= LFS_PAGE_SIZE || (areaOffset & 7) != 0 || areaOffset + sizeof(LFS_RESTART_AREA) > bytes)
     return FALSE;
+  PUCHAR flags = RestartAreaFlagsAsWritten(data, areaOffset);
+  if (flags == NULL) {
+    LogWriteCheck(Context, STATUS_FILE_CORRUPT_ERROR);
+    return FALSE;
+  }
   const PLFS_RESTART_AREA area = reinterpret_cast<PLFS_RESTART_AREA>(data + areaOffset);
   *Count = area->RestartLogOpenCount;
-  area->Flags = static_cast<USHORT>(area->Flags & ~LFS_RESTART_AREA_CLEAN);
+  // The clean flag is in the low byte of the little-endian field, so one byte is changed
+  // wherever the field is kept.
+  C_ASSERT(LFS_RESTART_AREA_CLEAN <= 0xFF);
+  flags[0] = static_cast<UCHAR>(flags[0] & ~LFS_RESTART_AREA_CLEAN);
   return TRUE;
 }

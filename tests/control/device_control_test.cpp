@@ -127,10 +127,18 @@ TEST_F(DeviceControlTest, TrackingEnabledAnswersInExactlyEightBytes) {
     EXPECT_EQ(refused.Status, STATUS_INVALID_PARAMETER);
     EXPECT_EQ(refused.Information, 0u);
   }
+  // The exact length, but no buffer to write the answer into.
+  ControlResult bufferless = Send({.Code = IOCTL_KVCBT_QUERY_TRACKING_ENABLED, .Adjust = [](PIRP irp) {
+                                     ASSERT_EQ(irp->AssociatedIrp.SystemBuffer, nullptr);
+                                     IoGetNextIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength = 8;
+                                   }});
+  EXPECT_EQ(bufferless.Returned, STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(bufferless.Status, STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(bufferless.Information, 0u);
 
   // Every answer is recorded with status 0, the refusals too.
   const std::vector<Record> records = TakeDispatchRecords();
-  ASSERT_EQ(records.size(), 5u);
+  ASSERT_EQ(records.size(), 6u);
   for (const Record& record : records) EXPECT_EQ(record.Status, 0u);
   EXPECT_TRUE(probe_.ControlRequests().empty());
 }
@@ -407,6 +415,36 @@ TEST_F(DeviceControlTest, RequestsArrivingWhileTheVolumeIsRemovedAreRefused) {
   CbtReleaseRemovalProtection(filter);
   remover.join();
   EXPECT_EQ(removed.load(), STATUS_SUCCESS);
+}
+
+// Once the removal has completed the rundown block is gone, and a request that still reaches
+// the dispatch is refused without giving anything back. A release there would pay back the
+// debt of a request whose acquisition failed while the removal was pending (counted in
+// RundownBypassCount) and is still on its way out. The completed state, with one such debt,
+// is made by hand and undone afterwards, so that the machine removes the volume for real.
+TEST_F(DeviceControlTest, RequestsArrivingAfterTheRemovalCompletedReleaseNothing) {
+  PCBT_DEVICE_EXTENSION e = Extension();
+  PDEVICE_OBJECT filter = Top();
+  PEX_RUNDOWN_REF_CACHE_AWARE rundown = e->RundownProtection;
+  e->RundownProtection = nullptr;
+  e->RundownBypassCount = 1;
+  WriteRelease(&e->RemovalState, CbtRemovalComplete);
+
+  for (ULONG code : {ULONG{IOCTL_KVCBT_QUERY_DRIVER_VERSION}, kUnknownDriverCode}) {
+    SCOPED_TRACE(code);
+    ControlResult result = kvtest::SendControlRequest(filter, {.Code = code, .OutputLength = 16});
+    EXPECT_EQ(result.Status, STATUS_DEVICE_DOES_NOT_EXIST);
+    EXPECT_EQ(result.Information, 0u);
+  }
+  EXPECT_EQ(e->RundownBypassCount, 1) << "the debt is still owed";
+  EXPECT_TRUE(probe_.ControlRequests().empty());
+  const std::vector<Record> records = TakeDispatchRecords();
+  ASSERT_EQ(records.size(), 2u);
+  for (const Record& record : records) EXPECT_EQ(record.Status, static_cast<ULONG>(STATUS_DEVICE_DOES_NOT_EXIST));
+
+  e->RundownBypassCount = 0;
+  e->RundownProtection = rundown;
+  WriteRelease(&e->RemovalState, CbtRemovalActive);
 }
 
 }  // namespace

@@ -121,13 +121,20 @@ TEST_F(FileSystemTest, TheSandboxBaseLayerIsRecognisedByItsExactLabel) {
   EXPECT_EQ(other->BaselineRestartCount, 3u);
 }
 
+// Each initialisation records its entry (status 0) and, when it fails, the status it returns,
+// with the volume's flags as they then are.
 TEST_F(FileSystemTest, OtherFileSystemsGetNoContextAndTheirWritesGoUntracked) {
   std::vector<kvtestbed::Volume*> volumes =
       Boot({{.Image = FatImage(64ull << 20)}, {.Image = RandomImage(16ull << 20, 11)}}, true);
   for (kvtestbed::Volume* volume : volumes) {
     PCBT_DEVICE_EXTENSION e = ExtensionOf(volume);
     ASSERT_NE(e, nullptr);
+    DropRecords();
     EXPECT_EQ(CbtInitializeFileSystem(e), STATUS_UNRECOGNIZED_VOLUME);
+    const std::vector<Record> records = TakeRecords("CbtInitializeFileSystem");
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].Status, 0u);
+    EXPECT_EQ(records[1].Status, static_cast<ULONG>(STATUS_UNRECOGNIZED_VOLUME)) << "the ReFS probe's status";
     EXPECT_EQ(e->FileSystemType, ULONG{CBT_FILE_SYSTEM_NONE});
     EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
     EXPECT_EQ(e->BytesPerBit, 0u);
@@ -143,10 +150,37 @@ TEST_F(FileSystemTest, ABitLockerLockedVolumeIsMarkedAndNotProbedFurther) {
   // The volume came online unlocked and has its reader; it is locked afterwards and read anew.
   CbtUninitializeFileSystem(e);
   volume->SetBitLockerLocked(true);
+  DropRecords();
   EXPECT_EQ(CbtInitializeFileSystem(e), STATUS_FVE_LOCKED_VOLUME);
   EXPECT_TRUE(CbtFlagsSet(e, CBT_FLAG_BITLOCKER_LOCKED));
   EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
   EXPECT_EQ(KeReadStateEvent(&e->FileSystemMutex), 1) << "the mutex is released";
+  const std::vector<Record> records = TakeRecords("CbtInitializeFileSystem");
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[1].Status, static_cast<ULONG>(STATUS_FVE_LOCKED_VOLUME));
+  EXPECT_NE(records[1].DeviceFlags & CBT_FLAG_BITLOCKER_LOCKED, 0u) << "recorded with the flag it set";
+}
+
+// A label that cannot be read fails the initialisation with its status, recorded, but the
+// reader and the geometry stay: the volume's writes are tracked.
+TEST_F(FileSystemTest, AVolumeWithoutItsLabelKeepsItsReaderAndRecordsTheFailure) {
+  const std::string image = NtfsImage({.Label = "Data"});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, true);
+  PCBT_DEVICE_EXTENSION e = ExtensionOf(volume);
+  CbtUninitializeFileSystem(e);
+  EditFileRecord(volume, PlaceOfFileRecord(image, 3), [](std::vector<uint8_t>& record) {
+    const size_t at = FindAttribute(record, NTFS_VOLUME_NAME);
+    ASSERT_NE(at, 0u);
+    record[at] = 0x40;  // now an object id
+  });
+  DropRecords();
+  EXPECT_EQ(CbtInitializeFileSystem(e), STATUS_NOT_FOUND);
+  EXPECT_TRUE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
+  EXPECT_EQ(e->FileSystemType, ULONG{CBT_FILE_SYSTEM_NTFS});
+  EXPECT_NE(e->BitCount, 0u);
+  const std::vector<Record> records = TakeRecords("CbtInitializeFileSystem");
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[1].Status, static_cast<ULONG>(STATUS_NOT_FOUND));
 }
 
 TEST_F(FileSystemTest, RecoveryAndReservedPartitionsStayWithoutContext) {

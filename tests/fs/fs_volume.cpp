@@ -1,8 +1,10 @@
 #include "fs_volume.h"
 
+#include <cstring>
 #include <filesystem>
 
 #include "kvtestbed/driver_images.h"
+#include "log/cbt_log_inspection.h"
 
 namespace kvfs {
 
@@ -12,6 +14,8 @@ std::vector<kvtestbed::Volume*> FsMachineTest::Boot(const std::vector<ImageVolum
   kvtestbed::RegisterDriverImage(u"kvcbt", DriverEntry);
   kvtestbed::MachineConfig config;
   config.VolumeUpperFilters = withDriver ? std::vector<std::u16string>{u"kvcbt"} : std::vector<std::u16string>{};
+  // The driver records its steps, for the tests that read them.
+  if (withDriver) config.Services = {{u"kvcbt", nullptr, {kvtestbed::RegistrySetting::Dword(u"DebugLog", 1)}}};
   machine_ = std::make_unique<kvtestbed::Machine>(config);
   std::vector<kvtestbed::Volume*> out;
   for (const ImageVolume& image : volumes) {
@@ -43,6 +47,46 @@ std::vector<kvtestbed::Volume*> FsMachineTest::Boot(const std::vector<ImageVolum
 PCBT_DEVICE_EXTENSION FsMachineTest::ExtensionOf(kvtestbed::Volume* volume) {
   PDEVICE_OBJECT top = volume->TopOfStack();
   return top != nullptr && top != volume->Device() ? CbtExtensionOf(top) : nullptr;
+}
+
+std::vector<FsMachineTest::Record> FsMachineTest::TakeRecords(const char* text) {
+  std::vector<CBT_LOG_RECORD_BODY> bodies(CBT_LOG_QUEUE_LIMIT);
+  bodies.resize(CbtDrainQueuedLogRecords(bodies.data(), CBT_LOG_QUEUE_LIMIT));
+  std::vector<Record> records;
+  for (const CBT_LOG_RECORD_BODY& body : bodies)
+    if (std::strcmp(body.Text, text) == 0) records.push_back({body.DeviceFlags, body.Status});
+  return records;
+}
+
+void FsMachineTest::DropRecords() { CbtDrainQueuedLogRecords(nullptr, CBT_LOG_QUEUE_LIMIT); }
+
+FileRecordPlace PlaceOfFileRecord(const std::string& image, uint64_t record) {
+  const VolumeGeometry geometry = ReadVolumeGeometry(image);
+  return {static_cast<uint64_t>(geometry.MftLcn) * geometry.ClusterSize + record * geometry.FileRecordSize,
+          geometry.FileRecordSize};
+}
+
+void EditFileRecord(kvtestbed::Volume* volume, const FileRecordPlace& place,
+                    const std::function<void(std::vector<uint8_t>&)>& edit) {
+  std::vector<uint8_t> record = volume->ReadDirect(place.Offset, place.Size);
+  ASSERT_TRUE(UnprotectRecord(record)) << "file record at " << place.Offset;
+  edit(record);
+  ASSERT_TRUE(ProtectRecord(record));
+  volume->WriteDirect(place.Offset, record);
+}
+
+size_t FindAttribute(const std::vector<uint8_t>& record, uint32_t type) {
+  uint16_t first;
+  std::memcpy(&first, &record[0x14], 2);
+  for (size_t at = first; at + 8 <= record.size();) {
+    uint32_t found, length;
+    std::memcpy(&found, &record[at], 4);
+    std::memcpy(&length, &record[at + 4], 4);
+    if (found == type) return at;
+    if (found == 0xFFFFFFFF || length == 0) break;
+    at += length;
+  }
+  return 0;
 }
 
 }  // namespace kvfs

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,22 @@ struct ImageVolume {
   std::vector<RestartPage> RestartPages;
 };
 
+// File record `record` of the NTFS volume made as `image`: where it lies on the volume (one of
+// the first records, which lie at the start of $MFT) and how long it is.
+struct FileRecordPlace {
+  uint64_t Offset;
+  uint32_t Size;
+};
+FileRecordPlace PlaceOfFileRecord(const std::string& image, uint64_t record);
+
+// Rewrites a file record on the volume: `edit` gets it without its update sequence protection,
+// and it goes back protected.
+void EditFileRecord(kvtestbed::Volume* volume, const FileRecordPlace& place,
+                    const std::function<void(std::vector<uint8_t>&)>& edit);
+
+// Offset of the first attribute of `type` in an unprotected file record; 0 when it has none.
+size_t FindAttribute(const std::vector<uint8_t>& record, uint32_t type);
+
 class FsMachineTest : public testing::Test {
  protected:
   void TearDown() override;
@@ -33,6 +50,15 @@ class FsMachineTest : public testing::Test {
 
   // The driver's extension of a volume filtered by it.
   static PCBT_DEVICE_EXTENSION ExtensionOf(kvtestbed::Volume* volume);
+
+  // The driver's queued records whose text is `text`, oldest first; the queue is emptied.
+  // DropRecords empties it without looking.
+  struct Record {
+    ULONG DeviceFlags;
+    ULONG Status;
+  };
+  static std::vector<Record> TakeRecords(const char* text);
+  static void DropRecords();
 
   std::unique_ptr<kvtestbed::Machine> machine_;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <wdm.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -79,6 +80,103 @@ TEST_F(LogFileWriteTest, ARestartPageWriteGivesItsCountAndLosesItsCleanFlag) {
       expected[0x30 + 0x0E] = 0x01;
       EXPECT_EQ(written, expected) << "nothing else changes";
     }
+  }
+}
+
+uint32_t CountAt(const std::vector<uint8_t>& page, size_t areaOffset) {
+  uint32_t count;
+  std::memcpy(&count, &page[areaOffset + 0x28], 4);
+  return count;
+}
+
+// The page protected anew with update sequence number `number`. Numbers with bit 0x0002 set
+// show a clean flag cleared where the number stands instead of the flags.
+std::vector<uint8_t> WithSequenceNumber(std::vector<uint8_t> page, uint16_t number) {
+  EXPECT_TRUE(UnprotectRecord(page));
+  uint16_t arrayOffset;
+  std::memcpy(&arrayOffset, &page[0x04], 2);
+  const uint16_t before = static_cast<uint16_t>(number - 1);  // protecting counts it up
+  std::memcpy(&page[arrayOffset], &before, 2);
+  EXPECT_TRUE(ProtectRecord(page));
+  EXPECT_EQ(page[arrayOffset], static_cast<uint8_t>(number));
+  return page;
+}
+
+// The page goes to the disk protected: the last two bytes of each 512-byte stride carry the
+// update sequence number, and what belongs there waits in the update sequence array. An
+// area 16 bytes before a stride's end has its flags there; the clean flag is then cleared in
+// their array entry, and the page still reads whole. The count, at a multiple of 8, is never
+// on a stride's end: an area just before one still gives it as written.
+TEST_F(LogFileWriteTest, FlagsOnAStrideEndAreClearedWhereThePageKeepsThem) {
+  for (uint16_t areaOffset : {0x1D8, 0x1F0, 0x3F0, 0xDF0}) {
+    SCOPED_TRACE(areaOffset);
+    const std::vector<uint8_t> page = WithSequenceNumber(
+        BuildRestartPage({.Count = 21, .Lsn = 5, .Flags = 0x0003, .AreaOffset = areaOffset}), 0x0107);
+    WriteRequest write(page, true);
+    ULONG count = 0;
+    ASSERT_TRUE(NtfsIsLogFileRestartCountIrp(&context_, write.Irp(), &count));
+    EXPECT_EQ(count, 21u);
+    std::vector<uint8_t> written = write.Data();
+    size_t changed = 0;
+    for (size_t i = 0; i < page.size(); ++i) changed += written[i] != page[i];
+    EXPECT_EQ(changed, 1u) << "one byte of the flags, wherever they are kept";
+    ASSERT_TRUE(UnprotectRecord(written)) << "the page is not torn";
+    EXPECT_EQ(FlagsAt(written, areaOffset), 0x0001);
+    EXPECT_EQ(CountAt(written, areaOffset), 21u);
+  }
+
+  // A page without an array keeps its flags where they are, as the log's reader takes it.
+  std::vector<uint8_t> bare = BuildRestartPage({.Count = 4, .Lsn = 5, .AreaOffset = 0x1F0});
+  ASSERT_TRUE(UnprotectRecord(bare));
+  bare[0x06] = 0;
+  bare[0x07] = 0;
+  WriteRequest write(bare, true);
+  ULONG count = 0;
+  ASSERT_TRUE(NtfsIsLogFileRestartCountIrp(&context_, write.Irp(), &count));
+  EXPECT_EQ(count, 4u);
+  EXPECT_EQ(FlagsAt(write.Data(), 0x1F0), 0x0000);
+}
+
+// Pages whose flags cannot be changed without tearing them: flags on a stride's end whose
+// array cannot stand for them, or flags inside the array. Each is declined and written as
+// sent. The area is at 0x3F0, its flags on the end of stride 2; the array is at 0x1E with nine
+// entries.
+TEST_F(LogFileWriteTest, APageWhoseArrayCannotHoldItsFlagsIsDeclined) {
+  const std::vector<uint8_t> page =
+      WithSequenceNumber(BuildRestartPage({.Count = 21, .Lsn = 5, .AreaOffset = 0x3F0}), 0x0107);
+  // The array (number and entries, 18 bytes) moved to `to`, and the header saying so.
+  auto moved = [&](uint16_t to) {
+    std::vector<uint8_t> bad = page;
+    std::copy(page.begin() + 0x1E, page.begin() + 0x30, bad.begin() + to);
+    std::memcpy(&bad[0x04], &to, 2);
+    return bad;
+  };
+  struct Case {
+    const char* What;
+    std::vector<uint8_t> Data;
+  };
+  std::vector<Case> cases = {{"the stride does not carry the number", page},
+                             {"the array has no entry for the stride", page},
+                             {"an odd array offset", page},
+                             {"the array inside the page's header", moved(0x1C)},
+                             {"the array after the restart area", moved(0x500)},
+                             {"the entry on a stride's end itself", moved(0x1FA)},
+                             {"an area whose flags are the array's sequence number", page}};
+  cases[0].Data[0x3FE] ^= 0xFF;
+  cases[1].Data[0x06] = 2;
+  // Odd, with the bytes there made to look like the number, so that only the offset is wrong.
+  cases[2].Data[0x04] = 0x1F;
+  cases[2].Data[0x1F] = page[0x3FE];
+  cases[2].Data[0x20] = page[0x3FF];
+  // An area at 0x10 (its first bytes the header's page sizes) has its flags at 0x1E.
+  cases[6].Data[0x18] = 0x10;
+  cases[6].Data[0x19] = 0x00;
+  for (const Case& c : cases) {
+    WriteRequest write(c.Data, true);
+    ULONG count = 99;
+    EXPECT_FALSE(NtfsIsLogFileRestartCountIrp(&context_, write.Irp(), &count)) << c.What;
+    EXPECT_EQ(count, 0u) << c.What;
+    EXPECT_EQ(write.Data(), c.Data) << c.What;
   }
 }
 

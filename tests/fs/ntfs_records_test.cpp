@@ -1,6 +1,7 @@
 // The reader against records built byte by byte: the update sequence fixup, the file-record
 // checks, mapping pairs into a cluster map, and attribute search with its checks and its
-// attribute lists. These are the cases a damaged disk produces and mkntfs never does.
+// attribute lists, in the record or (read from a volume) outside it. These are the cases a
+// damaged disk produces and mkntfs never does.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "fs/cbt_ntfs.h"
+#include "fs_volume.h"
 
 namespace kvfs {
 namespace {
@@ -377,6 +379,105 @@ TEST_F(NtfsRecordsTest, AResidentAttributeListIsWalkedEntryByEntry) {
         << c.What;
     NtfsFreeAttributeContext(&search);
   }
+}
+
+// A list too long for its record is kept in clusters of its own and read from the volume
+// before it is walked; only its valid bytes are the list, and a list longer than NTFS ever
+// makes one (256 KiB) is refused before anything is read. The base record is built here, the
+// list lies on a real volume (on $LogFile's clusters, which this test does not otherwise
+// read), and its last entry names $LogFile's record, which the walk reads through $MFT's map.
+class NtfsListOutsideTheRecordTest : public FsMachineTest {
+ protected:
+  static constexpr ULONG kListCap = 256 * 1024;
+  static constexpr ULONG kEntry = 0x20;
+
+  void SetUp() override {
+    image_ = NtfsImage({.ClusterSize = 4096, .Label = "Lists"});
+    layout_ = ReadLogFileLayout(image_);
+    ASSERT_FALSE(layout_.Runs.empty());
+    ASSERT_GE(layout_.Runs[0].Clusters * 4096, kListCap + 4096);
+    ASSERT_LT(layout_.Runs[0].Lcn, 0x8000);
+    volume_ = BootOne({.Image = image_}, false);
+    ASSERT_EQ(NtfsInitialize(volume_->Device(), 0, volume_->Number(), u'L', &context_), STATUS_SUCCESS);
+    ASSERT_EQ(context_.FileRecordSize, kRecordSize);
+    // Entries the search for $DATA passes over, then the one it looks for.
+    std::vector<UCHAR> list;
+    for (ULONG i = 0; i + 1 < kListCap / kEntry; ++i) {
+      const std::vector<UCHAR> filler = ListEntry(0x50, 0);
+      list.insert(list.end(), filler.begin(), filler.end());
+    }
+    const std::vector<UCHAR> data = ListEntry(NTFS_DATA, NTFS_LOG_FILE_REFERENCE);
+    list.insert(list.end(), data.begin(), data.end());
+    volume_->WriteDirect(static_cast<uint64_t>(layout_.Runs[0].Lcn) * 4096, list);
+  }
+  void TearDown() override {
+    if (context_.Initialized) NtfsUninitialize(&context_);
+    FsMachineTest::TearDown();
+  }
+
+  // A base record whose list has `valid` bytes in `clusters` clusters from the log's first.
+  RecordBuilder BaseRecord(ULONGLONG valid, UCHAR clusters) {
+    const LONGLONG lcn = layout_.Runs[0].Lcn;
+    RecordBuilder record;
+    record.Resident(NTFS_STANDARD_INFORMATION, std::vector<UCHAR>(0x48, 1));
+    const size_t at = record.Next();
+    record.Nonresident(NTFS_ATTRIBUTE_LIST, {0x21, clusters, static_cast<UCHAR>(lcn), static_cast<UCHAR>(lcn >> 8), 0})
+        .End();
+    record.Put64(at + 0x18, clusters - 1u);      // highest VCN
+    record.Put64(at + 0x28, clusters * 4096ull);  // allocated
+    record.Put64(at + 0x30, clusters * 4096ull);  // size
+    record.Put64(at + 0x38, valid);
+    return record;
+  }
+
+  std::string image_;
+  LogFileLayout layout_;
+  kvtestbed::Volume* volume_ = nullptr;
+  NTFS_VOLUME_CONTEXT context_ = {};
+};
+
+TEST_F(NtfsListOutsideTheRecordTest, AListUpToTheCapIsReadAndWalked) {
+  RecordBuilder base = BaseRecord(kListCap, kListCap / 4096);
+  NTFS_ATTRIBUTE_CONTEXT search;
+  NtfsInitAttributeContext(&search);
+  PATTRIBUTE_RECORD_HEADER attribute;
+  ASSERT_EQ(NtfsFindResidentAttribute(&context_, base.Bytes().data(), NTFS_DATA, &search, &attribute), STATUS_SUCCESS);
+  EXPECT_NE(search.ListBuffer, nullptr);
+  EXPECT_EQ(search.ListEnd - search.ListStart, static_cast<ptrdiff_t>(kListCap));
+  EXPECT_EQ(search.LoadedReference, NTFS_LOG_FILE_REFERENCE);
+  ASSERT_EQ(attribute->FormCode, NTFS_NONRESIDENT_FORM);
+  EXPECT_EQ(attribute->Form.Nonresident.FileSize, layout_.Size) << "$LogFile's own $DATA";
+  EXPECT_EQ(NtfsFindResidentAttribute(&context_, base.Bytes().data(), NTFS_DATA, &search, &attribute),
+            STATUS_NOT_FOUND);
+  NtfsFreeAttributeContext(&search);
+
+  // Only the valid bytes are the list: one entry short, the $DATA entry is not in it.
+  base = BaseRecord(kListCap - kEntry, kListCap / 4096);
+  NtfsInitAttributeContext(&search);
+  EXPECT_EQ(NtfsFindResidentAttribute(&context_, base.Bytes().data(), NTFS_DATA, &search, &attribute),
+            STATUS_NOT_FOUND);
+  NtfsFreeAttributeContext(&search);
+}
+
+TEST_F(NtfsListOutsideTheRecordTest, AListOverTheCapOrUnreadableFailsAndLeavesNothing) {
+  RecordBuilder over = BaseRecord(kListCap + kEntry, kListCap / 4096 + 1);
+  NTFS_ATTRIBUTE_CONTEXT search;
+  NtfsInitAttributeContext(&search);
+  PATTRIBUTE_RECORD_HEADER attribute;
+  const uint64_t reads = volume_->Counters().Reads;
+  EXPECT_EQ(NtfsFindResidentAttribute(&context_, over.Bytes().data(), NTFS_DATA, &search, &attribute),
+            STATUS_FILE_CORRUPT_ERROR);
+  EXPECT_EQ(volume_->Counters().Reads, reads) << "refused before it is read";
+  EXPECT_EQ(search.ListBuffer, nullptr);
+  NtfsFreeAttributeContext(&search);
+
+  RecordBuilder base = BaseRecord(kListCap, kListCap / 4096);
+  volume_->FailTransfers(STATUS_DEVICE_DATA_ERROR, 1, kvtestbed::TransferKind::Reads);
+  NtfsInitAttributeContext(&search);
+  EXPECT_EQ(NtfsFindResidentAttribute(&context_, base.Bytes().data(), NTFS_DATA, &search, &attribute),
+            STATUS_DEVICE_DATA_ERROR);
+  EXPECT_EQ(search.ListBuffer, nullptr);
+  NtfsFreeAttributeContext(&search);
 }
 
 TEST_F(NtfsRecordsTest, ResidentValuesAreCopiedAndEmptyOnesAreNull) {

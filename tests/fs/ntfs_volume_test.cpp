@@ -1,7 +1,10 @@
 // The NTFS reader on real volumes made by mkntfs: geometry, label and restart count agree
 // with what libntfs-3g reads from the same image; volumes that are not NTFS are refused;
 // failing disks and pool leave nothing behind.
+#include <algorithm>
+#include <cstring>
 #include <string>
+#include <utility>
 
 #include "fs/cbt_ntfs.h"
 #include "fs_volume.h"
@@ -192,7 +195,6 @@ TEST_F(NtfsVolumeTest, BootSectorChecksRefuseWhatNoNtfsVolumeHas) {
       {0x40, {0x00}, "no file records"},
       {0x40, {0x80}, "file records of 2^128 bytes"},
       {0x0D, {0x00}, "no sectors per cluster"},
-      {0x0D, {0xE8}, "clusters larger than NTFS makes"},
   };
   for (const Damage& damage : damages) {
     std::vector<uint8_t> bad = boot;
@@ -200,17 +202,153 @@ TEST_F(NtfsVolumeTest, BootSectorChecksRefuseWhatNoNtfsVolumeHas) {
     volume->WriteDirect(0, bad);
     EXPECT_EQ(Initialize(volume), STATUS_UNRECOGNIZED_VOLUME) << damage.What;
   }
-  // Encoded sizes as NTFS writes them: 0xF4 sectors per cluster is 4,096 (too large here:
-  // 2 MiB clusters are the most), 0xF6 is a 1 KiB record.
+  // A record size encoded as NTFS writes it: 0xF6 is 2^10, a 1 KiB record.
   std::vector<uint8_t> coded = boot;
-  coded[0x0D] = 0xF4;
-  volume->WriteDirect(0, coded);
-  EXPECT_EQ(Initialize(volume), STATUS_UNRECOGNIZED_VOLUME);
-  coded = boot;
   coded[0x40] = 0xF6;
   volume->WriteDirect(0, coded);
   ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
   EXPECT_EQ(context_.FileRecordSize, 1024u);
+  NtfsUninitialize(&context_);
+}
+
+// Sectors per cluster above 128 are encoded as a power of two, as mkntfs writes 2 MiB clusters
+// on 512-byte sectors: 0xF4 is 2^12 sectors. 2 MiB is the largest cluster NTFS makes, and a
+// larger one is refused for its size alone: with $MFT and its mirror moved to clusters 0 and 1,
+// which every cluster size allows, 0xF3 (4 MiB) is refused while 0xF4 passes the boot sector's
+// checks and fails only at the record it then finds at cluster 0 (the boot sector).
+TEST_F(NtfsVolumeTest, ClusterSizesAreDecodedAndCappedAtTwoMegabytes) {
+  const std::string image = NtfsImage({.SizeBytes = 1ull << 30, .ClusterSize = 2u << 20, .Label = "Huge"});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  const std::vector<uint8_t> boot = volume->ReadDirect(0, 512);
+  ASSERT_EQ(boot[0x0D], 0xF4);
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  EXPECT_EQ(context_.SectorsPerCluster, 4096u);
+  EXPECT_EQ(context_.BytesPerCluster, 2u << 20);
+  EXPECT_EQ(context_.FileRecordSize, ReadVolumeGeometry(image).FileRecordSize);
+  NtfsUninitialize(&context_);
+
+  for (const auto& [code, expected] : {std::pair<uint8_t, NTSTATUS>{0xF3, STATUS_UNRECOGNIZED_VOLUME},
+                                       std::pair<uint8_t, NTSTATUS>{0xF4, STATUS_FILE_CORRUPT_ERROR}}) {
+    std::vector<uint8_t> moved = boot;
+    moved[0x0D] = code;
+    std::fill(moved.begin() + 0x30, moved.begin() + 0x40, 0);
+    moved[0x38] = 1;
+    volume->WriteDirect(0, moved);
+    EXPECT_EQ(Initialize(volume), expected) << "sectors per cluster " << int{code};
+  }
+}
+
+// A stream's holes read as zeros, also where a batch read before them left other bytes in the
+// request's buffer and where they span more than one batch (64 KiB). The stream lies on
+// $LogFile's clusters, which mkntfs fills with 0xFF and which this test reads only this way.
+TEST_F(NtfsVolumeTest, HolesInAStreamReadAsZeros) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Holes"});
+  const LogFileLayout layout = ReadLogFileLayout(image);
+  ASSERT_FALSE(layout.Runs.empty());
+  ASSERT_GE(layout.Runs[0].Clusters, 8);
+  const LONGLONG lcn = layout.Runs[0].Lcn;
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  const std::vector<uint8_t> clusters = volume->ReadDirect(static_cast<uint64_t>(lcn) * 4096, 8 * 4096);
+  ASSERT_EQ(std::count(clusters.begin(), clusters.end(), 0), 0) << "the run's bytes tell from a hole's";
+
+  struct Case {
+    const char* What;
+    std::vector<std::pair<LONGLONG, LONGLONG>> Runs;  // VCN, LCN of 4 clusters each
+    LONGLONG Clusters;
+  };
+  const std::vector<Case> cases = {{"a hole of 20 clusters between two runs", {{0, lcn}, {24, lcn + 4}}, 28},
+                                   {"a hole at the start", {{3, lcn}}, 7}};
+  for (const Case& c : cases) {
+    LARGE_MCB mcb;
+    FsRtlInitializeLargeMcb(&mcb, PagedPool);
+    std::vector<uint8_t> expected(static_cast<size_t>(c.Clusters) * 4096, 0);
+    for (const auto& [vcn, runLcn] : c.Runs) {
+      ASSERT_EQ(NtfsSetMcbEntry(&mcb, vcn, runLcn, 4), STATUS_SUCCESS);
+      std::copy_n(clusters.begin() + (runLcn - lcn) * 4096, 4 * 4096, expected.begin() + vcn * 4096);
+    }
+    // From the middle of the first cluster to the middle of the last.
+    NTFS_MAPPED_STREAM stream;
+    const ULONG length = static_cast<ULONG>(expected.size() - 4096);
+    ASSERT_EQ(NtfsMapStream(&context_, &mcb, 2048, length, &stream), STATUS_SUCCESS) << c.What;
+    EXPECT_TRUE(std::equal(expected.begin() + 2048, expected.begin() + 2048 + length, stream.Data)) << c.What;
+    NtfsFreeMappedStream(&stream);
+    FsRtlUninitializeLargeMcb(&mcb);
+  }
+  NtfsUninitialize(&context_);
+}
+
+// A $Volume record without a $VOLUME_NAME has no label to give: STATUS_NOT_FOUND, and no
+// buffer to free.
+TEST_F(NtfsVolumeTest, AVolumeRecordWithoutItsNameAttributeHasNoLabel) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Data"});
+  kvtestbed::Volume* volume = BootOne({.Image = image}, false);
+  EditFileRecord(volume, PlaceOfFileRecord(image, 3), [](std::vector<uint8_t>& record) {
+    const size_t at = FindAttribute(record, NTFS_VOLUME_NAME);
+    ASSERT_NE(at, 0u);
+    const uint32_t objectId = 0x40;  // resident like the name, and not looked for
+    std::memcpy(&record[at], &objectId, 4);
+  });
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  UNICODE_STRING label;
+  EXPECT_EQ(NtfsQueryVolumeName(&context_, &label), STATUS_NOT_FOUND);
+  EXPECT_EQ(label.Buffer, nullptr);
+  EXPECT_EQ(label.Length, 0u);
+  NtfsUninitialize(&context_);
+}
+
+// $LogFile's record must map the log: a $DATA kept in the record, or runs that claim more
+// than the volume holds, make the log corrupt. A failed search leaves no map behind, so the
+// same context reads the log once the record is right again; a log larger than the volume is
+// refused before its size is asked of the pool.
+TEST_F(NtfsVolumeTest, ALogFileRecordThatDoesNotMapTheLogIsCorrupt) {
+  const std::string image = NtfsImage({.ClusterSize = 4096, .Label = "Logged"});
+  const LogFileLayout layout = ReadLogFileLayout(image);
+  const FileRecordPlace place = PlaceOfFileRecord(image, 2);
+  kvtestbed::Volume* volume = BootOne({.Image = image, .RestartPages = {{.Count = 6, .Lsn = 3}}}, false);
+  const std::vector<uint8_t> original = volume->ReadDirect(place.Offset, place.Size);
+
+  EditFileRecord(volume, place, [](std::vector<uint8_t>& record) {
+    const size_t at = FindAttribute(record, NTFS_DATA);
+    ASSERT_NE(at, 0u);
+    record[at + 8] = NTFS_RESIDENT_FORM;
+    std::fill(record.begin() + static_cast<long>(at) + 0x10, record.begin() + static_cast<long>(at) + 0x18, 0);
+    record[at + 0x14] = 0x18;  // an empty value right after the header
+  });
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  ULONG count = 77;
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_FILE_CORRUPT_ERROR);
+  EXPECT_EQ(count, 77u);
+  EXPECT_FALSE(context_.LogFileMcbValid);
+  volume->WriteDirect(place.Offset, original);
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_SUCCESS) << "read again, not refused as read";
+  EXPECT_EQ(count, 6u);
+  NtfsUninitialize(&context_);
+
+  // One run from the log's first cluster, one cluster longer than the whole volume.
+  const uint64_t clusters = volume->SizeBytes() / layout.ClusterSize + 1;
+  ASSERT_LT(clusters, 0x8000u);
+  const int64_t lcn = layout.Runs[0].Lcn;
+  ASSERT_LT(lcn, 0x8000);
+  const std::vector<uint8_t> pairs = {0x22, static_cast<uint8_t>(clusters), static_cast<uint8_t>(clusters >> 8),
+                                      static_cast<uint8_t>(lcn), static_cast<uint8_t>(lcn >> 8), 0x00};
+  EditFileRecord(volume, place, [&](std::vector<uint8_t>& record) {
+    const size_t at = FindAttribute(record, NTFS_DATA);
+    ASSERT_NE(at, 0u);
+    uint16_t pairsOffset;
+    uint32_t length;
+    std::memcpy(&pairsOffset, &record[at + 0x20], 2);
+    std::memcpy(&length, &record[at + 4], 4);
+    ASSERT_LE(pairsOffset + pairs.size(), length);
+    std::copy(pairs.begin(), pairs.end(), record.begin() + static_cast<long>(at + pairsOffset));
+  });
+  ASSERT_EQ(Initialize(volume), STATUS_SUCCESS);
+  kvhost::LogAllocations(true);
+  EXPECT_EQ(NtfsQueryLogFileRestartCount(&context_, &count), STATUS_FILE_CORRUPT_ERROR);
+  kvhost::LogAllocations(false);
+  SIZE_T largest = 0;
+  for (const kvhost::PoolBlockInfo& attempt : kvhost::TakeAllocationLog()) largest = std::max(largest, attempt.Bytes);
+  EXPECT_LT(largest, SIZE_T{1} << 20);
   NtfsUninitialize(&context_);
 }
 

@@ -20,7 +20,7 @@ namespace kvtestbed {
 class Volume;
 
 struct NtfsFormat {
-  uint32_t ClusterSize = 4096;  // 512 to 65536, a power of two
+  uint32_t ClusterSize = 4096;  // 512 to 2 MiB (the largest NTFS makes), a power of two
   std::string Label;            // the volume label ($Volume's name), none when empty
 };
 

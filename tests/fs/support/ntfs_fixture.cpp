@@ -169,6 +169,14 @@ std::vector<uint8_t> BuildRestartPage(const RestartPage& page) {
   return bytes;
 }
 
+bool UnprotectRecord(std::vector<uint8_t>& bytes) {
+  return kvfs_unprotect(bytes.data(), static_cast<uint32_t>(bytes.size())) == 0;
+}
+
+bool ProtectRecord(std::vector<uint8_t>& bytes) {
+  return kvfs_protect(bytes.data(), static_cast<uint32_t>(bytes.size())) == 0;
+}
+
 std::vector<ImagePiece> LogFilePagePieces(const LogFileLayout& layout, std::span<const std::vector<uint8_t>> pages) {
   std::vector<ImagePiece> pieces;
   uint64_t logOffset = 0;

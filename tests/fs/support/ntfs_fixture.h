@@ -77,6 +77,11 @@ struct RestartPage {
 };
 std::vector<uint8_t> BuildRestartPage(const RestartPage& page);
 
+// The update sequence protection of a file record or log page, undone or applied by
+// libntfs-3g; false when the bytes are not protected as their header says.
+bool UnprotectRecord(std::vector<uint8_t>& bytes);
+bool ProtectRecord(std::vector<uint8_t>& bytes);
+
 // Where restart pages land: page i at byte 4096 * i of $LogFile.
 std::vector<ImagePiece> LogFilePagePieces(const LogFileLayout& layout, std::span<const std::vector<uint8_t>> pages);
 

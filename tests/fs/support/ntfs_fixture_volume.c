@@ -178,3 +178,13 @@ int kvfs_build_restart_page(uint8_t* page, const char* signature, uint16_t areaO
 
   return ntfs_mst_pre_write_fixup((NTFS_RECORD*)page, kPage) == 0 ? 0 : -1;
 }
+
+int kvfs_unprotect(uint8_t* record, uint32_t size) {
+  quiet();
+  return ntfs_mst_post_read_fixup((NTFS_RECORD*)record, size) == 0 ? 0 : -1;
+}
+
+int kvfs_protect(uint8_t* record, uint32_t size) {
+  quiet();
+  return ntfs_mst_pre_write_fixup((NTFS_RECORD*)record, size) == 0 ? 0 : -1;
+}

@@ -47,6 +47,12 @@ int kvfs_data_mapping_pairs(const char* path, uint64_t inode, uint8_t* pairs, in
 int kvfs_build_restart_page(uint8_t* page, const char* signature, uint16_t areaOffset, uint32_t restartCount,
                             int64_t currentLsn, uint16_t flags);
 
+/* Undoes (unprotect) or applies (protect) the update sequence protection of a file record or
+ * log page of `size` bytes in place, as libntfs-3g does after reading and before writing.
+ * 0, or -1 when the bytes are not protected as their header says. */
+int kvfs_unprotect(uint8_t* record, uint32_t size);
+int kvfs_protect(uint8_t* record, uint32_t size);
+
 #ifdef __cplusplus
 }
 #endif
