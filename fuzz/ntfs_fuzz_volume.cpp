@@ -100,7 +100,7 @@ void FuzzDisk::Reset(uint64_t sizeBytes, ULONG sectorSize) {
 }
 
 void FuzzDisk::Write(uint64_t offset, const uint8_t* data, size_t length) {
-  if (offset >= size_) return;
+  if (offset >= size_ || length == 0) return;  // nothing written leaves no piece
   length = static_cast<size_t>(std::min<uint64_t>(length, size_ - offset));
   // Later writes win: pieces they overlap are cut away first.
   std::vector<uint8_t> merged(data, data + length);

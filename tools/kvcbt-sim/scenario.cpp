@@ -422,8 +422,8 @@ class Parser {
     if (cluster != nullptr) {
       uint64_t bytes = 0;
       if (!Size(s, *cluster, "cluster size", &bytes)) return false;
-      if (bytes < step.Volume.SectorSize || bytes > 65536 || (bytes & (bytes - 1)) != 0)
-        return Fail(s, "bad cluster size '" + *cluster + "' (a power of two from the sector size to 64KiB)");
+      if (bytes < step.Volume.SectorSize || bytes > (2u << 20) || (bytes & (bytes - 1)) != 0)
+        return Fail(s, "bad cluster size '" + *cluster + "' (a power of two from the sector size to 2MiB)");
       ntfs.ClusterSize = static_cast<uint32_t>(bytes);
     }
     if (ntfs.ClusterSize < step.Volume.SectorSize) ntfs.ClusterSize = step.Volume.SectorSize;
