@@ -13,8 +13,10 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "driver/cbt_device_extension.h"
 #include "driver/cbt_driver.h"
@@ -238,17 +240,25 @@ void BM_WriteStream(benchmark::State& state) {
 
   // Both paths side by side, in alternating rounds, for the ratio. The bitmap is cleared
   // before each filtered round, so every round marks each block of the volume anew once.
-  double direct = 0, filtered = 0;
-  constexpr int kRounds = 10;
-  const int writes = length <= 4096 ? 40000 : 10000;
+  // This machine's speed drifts from one moment to the next (a shared virtual processor),
+  // so each round's ratio is taken from its own pair of runs, and the median round is the
+  // figure: a burst of slowness that hits one run of a pair moves one round, not the result.
+  constexpr int kRounds = 21;
+  const int writes = length <= 4096 ? 20000 : 5000;
+  std::vector<double> direct, filtered, ratios;
   for (int round = 0; round < kRounds; ++round) {
-    direct += NanosecondsPerWrite(machine.Volume(), mdl, length, writes);
+    direct.push_back(NanosecondsPerWrite(machine.Volume(), mdl, length, writes));
     machine.ClearBitmap();
-    filtered += NanosecondsPerWrite(machine.Filter(), mdl, length, writes);
+    filtered.push_back(NanosecondsPerWrite(machine.Filter(), mdl, length, writes));
+    ratios.push_back(filtered.back() / direct.back());
   }
-  state.counters["direct_ns"] = direct / kRounds;
-  state.counters["filtered_ns"] = filtered / kRounds;
-  state.counters["filtered_vs_direct"] = filtered / direct;
+  auto median = [](std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values[values.size() / 2];
+  };
+  state.counters["direct_ns"] = median(direct);
+  state.counters["filtered_ns"] = median(filtered);
+  state.counters["filtered_vs_direct"] = median(ratios);
   state.counters["tracked_writes"] = static_cast<double>(machine.Extension()->TrackedWriteCount);
   IoFreeMdl(mdl);
 }
