@@ -149,7 +149,17 @@ NTSTATUS CbtInitializeFileSystem(PCBT_DEVICE_EXTENSION Extension) {
   }
 
   KeWaitForSingleObject(&Extension->FileSystemMutex, Executive, KernelMode, FALSE, NULL);
-  if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) == 0) status = ProbeFileSystems(Extension);
+  if ((CbtReadFlags(Extension) & CBT_FLAG_FS_CONTEXT) == 0) {
+    // The context flag is set before the reader is whole (its label and restart count are
+    // read after its geometry stands). Writes look through the reader under a reference on
+    // it, not under this mutex: closing the references for the set-up keeps a write that
+    // comes meanwhile from a reader still being built, as a teardown keeps it from one
+    // being taken down. Such a write is still marked; only its look at the restart pages is
+    // left out, and the baseline count is read from the disk here anyway.
+    ExWaitForRundownProtectionRelease(&Extension->FileSystemRundown);
+    status = ProbeFileSystems(Extension);
+    ExReInitializeRundownProtection(&Extension->FileSystemRundown);
+  }
   KeSetEvent(&Extension->FileSystemMutex, IO_NO_INCREMENT, FALSE);
   return status;
 }

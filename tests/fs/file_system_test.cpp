@@ -2,7 +2,10 @@
 // stay out, BitLocker-locked and unknown file systems get no reader (their writes go
 // untracked), NTFS volumes get their geometry, label flags and baseline restart count.
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fs/cbt_fs.h"
@@ -104,6 +107,34 @@ TEST_F(FileSystemTest, ARestartPageWrittenThroughTheFilterIsFollowedAndReachesTh
   EXPECT_EQ(e->LastRestartCount, 6u);
   EXPECT_EQ(volume->ReadDirect(secondPage, data.size()), data);
   EXPECT_EQ(e->UntrackedWriteCount, 0);
+}
+
+// Writes look at restart pages through the reader under a reference on it. The set-up of
+// a reader closes those references first, as its teardown does, so that no write looks
+// through a reader still being built: with a reference held (by hand here, as by a write
+// inside the check) the set-up waits, and once it is done, references can be had again.
+TEST_F(FileSystemTest, TheReadersSetUpWaitsForWritesLookingThroughTheVolumesReader) {
+  kvtestbed::Volume* volume = BootOne({.Image = NtfsImage({.Label = "Data"})}, true);
+  PCBT_DEVICE_EXTENSION e = ExtensionOf(volume);
+  CbtUninitializeFileSystem(e);
+  ASSERT_TRUE(ExAcquireRundownProtection(&e->FileSystemRundown));
+  std::atomic<bool> done{false};
+  std::thread setUp([&] {
+    EXPECT_EQ(CbtInitializeFileSystem(e), STATUS_SUCCESS);
+    done = true;
+  });
+  while (!done.load() && ExAcquireRundownProtection(&e->FileSystemRundown)) {
+    ExReleaseRundownProtection(&e->FileSystemRundown);
+    std::this_thread::yield();
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(done.load()) << "the set-up did not wait for the reference";
+  EXPECT_FALSE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT)) << "nothing of the reader is there yet";
+  ExReleaseRundownProtection(&e->FileSystemRundown);
+  setUp.join();
+  EXPECT_TRUE(CbtFlagsSet(e, CBT_FLAG_FS_CONTEXT));
+  ASSERT_TRUE(ExAcquireRundownProtection(&e->FileSystemRundown)) << "writes look through the new reader";
+  ExReleaseRundownProtection(&e->FileSystemRundown);
 }
 
 TEST_F(FileSystemTest, TheSandboxBaseLayerIsRecognisedByItsExactLabel) {
